@@ -5,7 +5,9 @@
 
 namespace kau {
 
-void Error::Throw(const char* file, int line, int code) { throw Error(file, line, code); }
+void Error::Throw(const char* file, int line, int code) {
+    throw Error(file, line, code);
+}
 
 void ReportCurrentException(const char* file, int line) {
     try {
@@ -23,7 +25,9 @@ void ReportCurrentException(const char* file, int line) {
 namespace mem {
 namespace {
 
-void* ArrayNew(unsigned long size) { return new unsigned char[size]; }
+void* ArrayNew(unsigned long size) {
+    return new unsigned char[size];
+}
 
 void ArrayDelete(void* p) {
     if (p) delete[] static_cast<unsigned char*>(p);
@@ -70,7 +74,9 @@ void* New(unsigned long size) {
     }
 }
 
-void Delete(void* p) { deleteHook(p); }
+void Delete(void* p) {
+    deleteHook(p);
+}
 
 void* NewAligned(unsigned long size) {
     unsigned long total = WithOverhead(size, kAlignedHeaderBytes);
@@ -112,14 +118,16 @@ void* Heap::Reallocate(void* p, unsigned long size) {
     if (!p) return Allocate(size);
     BlockHeader* target = HeaderOf(p);
     BlockHeader** link = &head_;
-    while (*link && *link != target) link = &(*link)->next;
+    while (*link && *link != target)
+        link = &(*link)->next;
     if (!*link) Error::Throw(kKauFile, kErrHeapReallocateUnknown);
     if (size <= target->size) return p;
     // The new block is made before the old one leaves the list, so a failure loses nothing.
     void* grown = Allocate(size);
     Copy8(grown, p, target->size);
     link = &head_;
-    while (*link != target) link = &(*link)->next;
+    while (*link != target)
+        link = &(*link)->next;
     *link = target->next;
     Delete(target->raw);
     return grown;
@@ -137,13 +145,17 @@ void Copy8(void* dst, const void* src, unsigned long n) {
     if (n) memcpy(dst, src, n);
 }
 
-void Copy32(void* dst, const void* src, unsigned long words) { Copy8(dst, src, words * 4); }
+void Copy32(void* dst, const void* src, unsigned long words) {
+    Copy8(dst, src, words * 4);
+}
 
 void Zero8(void* p, unsigned long n) {
     if (n) memset(p, 0, n);
 }
 
-void Zero32(void* p, unsigned long words) { Zero8(p, words * 4); }
+void Zero32(void* p, unsigned long words) {
+    Zero8(p, words * 4);
+}
 
 void Set8(void* p, unsigned char v, unsigned long n) {
     if (n) memset(p, v, n);
@@ -176,9 +188,13 @@ const void* AtChar(const void* p, char c, unsigned long n) {
     return memchr(p, static_cast<unsigned char>(c), n);
 }
 
-unsigned long StrLen(const char* s) { return s ? strlen(s) : 0; }
+unsigned long StrLen(const char* s) {
+    return s ? strlen(s) : 0;
+}
 
-void CopyIncludingLast0(char* dst, const char* src) { strcpy(dst, src); }
+void CopyIncludingLast0(char* dst, const char* src) {
+    strcpy(dst, src);
+}
 
 bool StrEndsWith(const char* s, const char* end) {
     if (!s || !end) return false;
@@ -198,7 +214,9 @@ const char* AtStr(const char* s, const char* sub) {
 
 }  // namespace mem
 
-PageArray::PageArray(unsigned long capacity, unsigned long pageSize) { Create(capacity, pageSize); }
+PageArray::PageArray(unsigned long capacity, unsigned long pageSize) {
+    Create(capacity, pageSize);
+}
 
 void PageArray::Create(unsigned long capacity, unsigned long pageSize) {
     DisposePages();
@@ -208,7 +226,8 @@ void PageArray::Create(unsigned long capacity, unsigned long pageSize) {
     bytesInLastPage_ = 0;
     if (pageSize_ == 0) Error::Throw(kKauFile, kErrPageSizeZero);
     if (capacity_ == 0) return;
-    if (capacity_ > UINT32_MAX / sizeof(unsigned char*)) Error::Throw(kKauFile, kErrPageTableAllocate);
+    if (capacity_ > UINT32_MAX / sizeof(unsigned char*))
+        Error::Throw(kKauFile, kErrPageTableAllocate);
     pages_ = static_cast<unsigned char**>(mem::New(capacity_ * sizeof(unsigned char*)));
     if (!pages_) {
         capacity_ = 0;
@@ -262,7 +281,8 @@ void PageArray::PushBytes(const unsigned char* src, unsigned long n) {
 unsigned long PageArray::GetBytes(unsigned char* dst, unsigned long n, unsigned long offset) const {
     uint32_t size = Size();
     if (!pageCount_ || !dst || offset >= size || !n) return 0;
-    uint32_t count = n < size - offset ? static_cast<uint32_t>(n) : size - static_cast<uint32_t>(offset);
+    uint32_t count =
+        n < size - offset ? static_cast<uint32_t>(n) : size - static_cast<uint32_t>(offset);
     uint32_t page = static_cast<uint32_t>(offset) / pageSize_;
     uint32_t at = static_cast<uint32_t>(offset) % pageSize_;
     for (uint32_t left = count; left;) {
@@ -280,7 +300,8 @@ int PageArray::CopyTo(void* dst) const {
     if (!pageCount_) return 0;
     if (!dst) Error::Throw(kKauFile, kErrCopyToNull);
     auto out = static_cast<unsigned char*>(dst);
-    for (uint32_t i = 0; i + 1 < pageCount_; ++i, out += pageSize_) mem::Copy8(out, pages_[i], pageSize_);
+    for (uint32_t i = 0; i + 1 < pageCount_; ++i, out += pageSize_)
+        mem::Copy8(out, pages_[i], pageSize_);
     mem::Copy8(out, pages_[pageCount_ - 1], bytesInLastPage_);
     return 1;
 }
@@ -300,7 +321,8 @@ int PageArray::SetByteCountInLastPage(unsigned long n) {
 
 void PageArray::DisposePages() {
     try {
-        while (pageCount_) mem::Delete(pages_[--pageCount_]);
+        while (pageCount_)
+            mem::Delete(pages_[--pageCount_]);
     } catch (...) {
         ReportCurrentException(kKauFile, kCatchDisposePages);
     }
@@ -357,9 +379,11 @@ void Sort(void* base, unsigned long count, unsigned long width,
             unsigned char* loguy = lo;
             unsigned char* higuy = hi + width;
             for (;;) {
-                do loguy += width;
+                do
+                    loguy += width;
                 while (loguy <= hi && compare(loguy, lo) <= 0);
-                do higuy -= width;
+                do
+                    higuy -= width;
                 while (higuy > lo && compare(higuy, lo) >= 0);
                 if (higuy < loguy) break;
                 Swap(loguy, higuy, width);
@@ -374,15 +398,19 @@ void Sort(void* base, unsigned long count, unsigned long width,
                     loStack[depth] = lo;
                     hiStack[depth++] = higuy - width;
                 }
-                if (upperNonEmpty) lo = loguy;
-                else rangeDone = true;
+                if (upperNonEmpty)
+                    lo = loguy;
+                else
+                    rangeDone = true;
             } else {
                 if (upperNonEmpty) {
                     loStack[depth] = loguy;
                     hiStack[depth++] = hi;
                 }
-                if (lowerNonEmpty) hi = higuy - width;
-                else rangeDone = true;
+                if (lowerNonEmpty)
+                    hi = higuy - width;
+                else
+                    rangeDone = true;
             }
         }
         if (rangeDone) {

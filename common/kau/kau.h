@@ -8,7 +8,8 @@
 namespace kau {
 
 // Module text carried by every error raised in this header or in kau.cpp.
-inline constexpr const char kKauFile[] = "middleware/multimedia-framework/media-service/common/kau/kau";
+inline constexpr const char kKauFile[] =
+    "middleware/multimedia-framework/media-service/common/kau/kau";
 
 // Error positions of the foundation (all in kKauFile).
 inline constexpr int kErrRoundUpOverflow = 210;
@@ -26,7 +27,7 @@ inline constexpr int kCatchDisposePages = 591;
 
 // The one exception type: where it was raised. The code is carried for debugging only.
 class Error {
-public:
+  public:
     Error(const char* file, int line, int code) : file_(file), position_(line), code_(code) {}
 
     [[noreturn]] static void Throw(const char* file, int line, int code = -1);
@@ -35,7 +36,7 @@ public:
     const char* FileName() const { return file_ ? file_ : ""; }
     int Position() const { return position_; }
 
-private:
+  private:
     const char* file_;
     int32_t position_;
     int32_t code_;
@@ -71,7 +72,7 @@ void DeleteAligned(void* p);
 
 // An owner of 16-byte-aligned blocks that are released together.
 class Heap {
-public:
+  public:
     Heap() = default;
     ~Heap() { FreeMemory(); }
     Heap(const Heap&) = delete;
@@ -91,7 +92,7 @@ public:
         void* raw;
     };
 
-private:
+  private:
     BlockHeader* head_ = nullptr;
 };
 
@@ -118,7 +119,7 @@ const char* AtStr(const char* s, const char* sub);
 
 // A growable byte array in equal, separately allocated pages: appending never moves bytes.
 class PageArray {
-public:
+  public:
     PageArray(unsigned long capacity, unsigned long pageSize);
     ~PageArray() { DisposePages(); }
     PageArray(const PageArray&) = delete;
@@ -140,7 +141,7 @@ public:
     unsigned char* Page(uint32_t index) const { return pages_[index]; }
     uint32_t Size() const;
 
-private:
+  private:
     uint32_t capacity_ = 0;
     uint32_t pageSize_ = 0;
     uint32_t pageCount_ = 0;
