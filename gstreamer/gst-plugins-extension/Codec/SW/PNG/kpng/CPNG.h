@@ -1,0 +1,30 @@
+// The DecodePNG front ends: one complete PNG, in memory or in a stream, into a plain image
+// record. No exception leaves them: every failure is reported on standard output and answers 0.
+#pragma once
+
+#include <cstdint>
+
+class MMStream;
+
+// A decoded image: 4 bytes per pixel, R, G, B, A, rows top to bottom without padding.
+// The caller owns `data` and releases it with kau::mem::Delete.
+struct STImageSimple {
+    uint32_t width, height, dataSize, stride;
+    uint16_t bpp, reserved;
+    unsigned char* data;
+};
+
+// Module text carried by the front ends' errors and reports.
+inline constexpr const char kCPNGFile[] =
+    "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/"
+    "kpng/CPNG";
+
+// 1 with the record filled, 0 with it untouched. `defaultAlpha` (0 to 255) is the alpha of
+// palette colours without a transparency entry. `alphaDepth` receives the image's alpha bits
+// (-1 for none) once the header has been read; this overload leaves `dataSize` 0.
+int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaultAlpha,
+              STImageSimple* image, int& alphaDepth);
+int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaultAlpha,
+              STImageSimple* image);
+// Reads from the stream's position, which is left wherever the decoder's last read stopped.
+int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image);
