@@ -1,0 +1,393 @@
+// kalpng_dec: collects PNG bytes that arrive in pieces, decodes each complete PNG with the
+// system's own engine and pushes it as one RGBA video frame.
+#include "gst.kpng.d.h"
+
+#include <memory>
+
+#include "CPNG.h"
+#include "kau.h"
+#include "mmstream.h"
+
+namespace {
+
+// Module text carried by the errors and reports of the element.
+constexpr const char kElementFile[] =
+    "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/"
+    "gst.kpng.d";
+
+// Error positions of the element (all in kElementFile).
+constexpr int kErrStreamNotReady = 131;
+constexpr int kErrDecode = 132;
+constexpr int kErrOutputBuffer = 166;
+constexpr int kCatchChain = 236;
+
+// Palette colours without a transparency entry come out opaque.
+constexpr unsigned long kDefaultAlpha = 255;
+
+}  // namespace
+
+GST_DEBUG_CATEGORY_STATIC(kalpng_dec_debug);
+#define GST_CAT_DEFAULT kalpng_dec_debug
+
+static GstStaticPadTemplate sink_template =
+    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS("image/png"));
+
+// RGBA is the one format produced; RGB is advertised for compatibility only.
+static GstStaticPadTemplate src_template = GST_STATIC_PAD_TEMPLATE(
+    "src", GST_PAD_SRC, GST_PAD_ALWAYS,
+    GST_STATIC_CAPS("video/x-raw, format = (string) RGBA, width = (int) [ 1, max ], "
+                    "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ]; "
+                    "video/x-raw, format = (string) RGB, width = (int) [ 1, max ], "
+                    "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ]"));
+
+static GstElementClass* parent_class = nullptr;
+
+static gboolean gst_kalpng_dec_setcaps(GstPad* pad, GstCaps* caps);
+static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEvent* event);
+static GstFlowReturn gst_kalpng_dec_chain(GstPad* pad, GstObject* parent, GstBuffer* buf);
+static GstStateChangeReturn gst_kalpng_dec_change_state(GstElement* element,
+                                                        GstStateChange transition);
+static void gst_kalpng_dec_finalize(GObject* object);
+
+// ---------------------------------------------------------------------------------------------
+// Type, class and instance set-up
+
+static void gst_kalpng_dec_base_init(gpointer klass) {
+    GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
+
+    gst_element_class_add_static_pad_template(element_class, &sink_template);
+    gst_element_class_add_static_pad_template(element_class, &src_template);
+    gst_element_class_set_static_metadata(
+        element_class, "Vorlane PNG Decoder", "Codec/Decoder/Image",
+        "Decode a png video frame to a raw image", "Proprietary Decoder of Vorlane Electronics");
+}
+
+static void gst_kalpng_dec_class_init(gpointer klass, gpointer) {
+    parent_class = GST_ELEMENT_CLASS(g_type_class_peek_parent(klass));
+
+    G_OBJECT_CLASS(klass)->finalize = gst_kalpng_dec_finalize;
+    GST_ELEMENT_CLASS(klass)->change_state = GST_DEBUG_FUNCPTR(gst_kalpng_dec_change_state);
+
+    if (!kalpng_dec_debug) {
+        GST_DEBUG_CATEGORY_INIT(kalpng_dec_debug, "kalpng_dec", 0, "Vorlane PNG Decoder");
+    }
+}
+
+static void gst_kalpng_dec_init(GTypeInstance* instance, gpointer) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(instance);
+
+    dec->sinkpad = gst_pad_new_from_static_template(&sink_template, "sink");
+    gst_pad_set_chain_function(dec->sinkpad, GST_DEBUG_FUNCPTR(gst_kalpng_dec_chain));
+    gst_pad_set_event_function(dec->sinkpad, GST_DEBUG_FUNCPTR(gst_kalpng_dec_sink_event));
+    gst_element_add_pad(GST_ELEMENT(dec), dec->sinkpad);
+
+    dec->srcpad = gst_pad_new_from_static_template(&src_template, "src");
+    gst_pad_use_fixed_caps(dec->srcpad);
+    gst_element_add_pad(GST_ELEMENT(dec), dec->srcpad);
+
+    dec->segment = gst_segment_new();
+}
+
+static void gst_kalpng_dec_finalize(GObject* object) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(object);
+
+    gst_event_replace(&dec->held_segment, nullptr);
+    gst_segment_free(dec->segment);
+
+    G_OBJECT_CLASS(parent_class)->finalize(object);
+}
+
+GType gst_kalpng_dec_get_type(void) {
+    static GType type = 0;
+    if (!type) {
+        static const GTypeInfo info = {
+            sizeof(GstKalPngDecClass),
+            gst_kalpng_dec_base_init,
+            nullptr,
+            gst_kalpng_dec_class_init,
+            nullptr,
+            nullptr,
+            sizeof(GstKalPngDec),
+            0,
+            gst_kalpng_dec_init,
+            nullptr,
+        };
+        type = g_type_register_static(GST_TYPE_ELEMENT, "GstKalPngDec", &info, GTypeFlags(0));
+    }
+    return type;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sink caps and events
+
+// A "framerate" in the sink caps means the PNGs are a sequence of timed frames. Caps without
+// one leave the mode as an earlier caps set it.
+static gboolean gst_kalpng_dec_setcaps(GstPad* pad, GstCaps* caps) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(GST_OBJECT_PARENT(pad));
+    const GstStructure* structure = gst_caps_get_structure(caps, 0);
+
+    gint fps_n, fps_d;
+    if (gst_structure_get_fraction(structure, "framerate", &fps_n, &fps_d)) {
+        dec->fps_n = fps_n;
+        dec->fps_d = fps_d;
+        dec->packetized = TRUE;
+        GST_INFO("got framerate of %d/%d fps => packetized mode", dec->fps_n, dec->fps_d);
+    }
+    return TRUE;
+}
+
+// Downstream must see caps before a segment, and the source caps are only known once the
+// first PNG is decoded: until then a segment waits in held_segment.
+static void gst_kalpng_dec_hold_segment(GstKalPngDec* dec, GstEvent* event) {
+    gst_event_replace(&dec->held_segment, nullptr);
+    dec->held_segment = event;
+}
+
+static void gst_kalpng_dec_push_held_segment(GstKalPngDec* dec) {
+    if (!dec->held_segment) return;
+    GstEvent* event = dec->held_segment;
+    dec->held_segment = nullptr;
+    gst_pad_push_event(dec->srcpad, event);
+}
+
+static void gst_kalpng_dec_update_segment(GstKalPngDec* dec, GstEvent* event) {
+    gst_event_copy_segment(event, dec->segment);
+    GST_INFO_OBJECT(
+        dec, "Got NEWSEGMENT [%" GST_TIME_FORMAT " - %" GST_TIME_FORMAT " / %" GST_TIME_FORMAT "]",
+        GST_TIME_ARGS(dec->segment->start), GST_TIME_ARGS(dec->segment->stop),
+        GST_TIME_ARGS(dec->segment->position));
+}
+
+static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEvent* event) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(parent);
+    GST_INFO_OBJECT(dec, "event : %s", gst_event_type_get_name(GST_EVENT_TYPE(event)));
+
+    switch (GST_EVENT_TYPE(event)) {
+        case GST_EVENT_CAPS: {
+            // The sink caps describe PNG bytes; the source pad gets its own caps per frame.
+            GstCaps* caps;
+            gst_event_parse_caps(event, &caps);
+            gst_kalpng_dec_setcaps(pad, caps);
+            gst_event_unref(event);
+            return TRUE;
+        }
+        case GST_EVENT_SEGMENT:
+            gst_kalpng_dec_update_segment(dec, event);
+            if (!gst_pad_has_current_caps(dec->srcpad)) {
+                gst_kalpng_dec_hold_segment(dec, event);
+                return TRUE;
+            }
+            break;
+        case GST_EVENT_EOS:
+        case GST_EVENT_FLUSH_STOP:
+            // A stream that ends or restarts before its first frame still hands on its segment.
+            gst_kalpng_dec_push_held_segment(dec);
+            break;
+        default:
+            break;
+    }
+    return gst_pad_push_event(dec->srcpad, event);
+}
+
+static void gst_kalpng_dec_reset(GstKalPngDec* dec) {
+    dec->fps_d = 1;
+    dec->last_height = -1;
+    dec->next_ts = 0;
+    dec->fps_n = 0;
+    dec->packetized = FALSE;
+    dec->last_fps_d = 0;
+    dec->last_fps_n = 0;
+    dec->last_width = -1;
+    gst_segment_init(dec->segment, GST_FORMAT_UNDEFINED);
+    gst_event_replace(&dec->held_segment, nullptr);
+    dec->input.Construct();
+}
+
+static GstStateChangeReturn gst_kalpng_dec_change_state(GstElement* element,
+                                                        GstStateChange transition) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(element);
+
+    if (transition == GST_STATE_CHANGE_READY_TO_PAUSED) gst_kalpng_dec_reset(dec);
+
+    GstStateChangeReturn result = parent_class->change_state(element, transition);
+
+    // Only once the pads are deactivated can no chain call be using the input any more.
+    if (result == GST_STATE_CHANGE_SUCCESS && transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
+        dec->input.Destruct();
+    }
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Frame decoding and output
+
+namespace {
+
+// A decoded picture; its pixels are released with the frame on every path.
+struct DecodedFrame {
+    STImageSimple image{};
+
+    DecodedFrame() = default;
+    DecodedFrame(const DecodedFrame&) = delete;
+    DecodedFrame& operator=(const DecodedFrame&) = delete;
+    ~DecodedFrame() {
+        if (image.data) kau::mem::Delete(image.data);
+    }
+};
+
+struct BufferUnref {
+    void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
+};
+using BufferHolder = std::unique_ptr<GstBuffer, BufferUnref>;
+
+}  // namespace
+
+// Decodes the complete PNG held by the input and starts a fresh input with the bytes that
+// followed it. A failed decode leaves the input complete, so the same PNG fails again until
+// the next READY to PAUSED.
+static void gst_kalpng_dec_decode(GstKalPngDec* dec, DecodedFrame& frame) {
+    if (!MMStreamReady(dec->input.stream)) kau::Error::Throw(kElementFile, kErrStreamNotReady);
+    if (!DecodePNG(dec->input.stream, kDefaultAlpha, &frame.image)) {
+        kau::Error::Throw(kElementFile, kErrDecode);
+    }
+    dec->input.ResetStreamWithDataAfterIEND();
+}
+
+static void gst_kalpng_dec_update_caps(GstKalPngDec* dec, const STImageSimple& image) {
+    const gint width = gint(image.width);
+    const gint height = gint(image.height);
+    if (width == dec->last_width && height == dec->last_height && dec->fps_n == dec->last_fps_n &&
+        dec->fps_d == dec->last_fps_d) {
+        return;
+    }
+    if (dec->fps_d == 0) {
+        dec->fps_n = 0;
+        dec->fps_d = 1;
+    }
+    GstCaps* caps = gst_caps_new_simple(
+        "video/x-raw", "format", G_TYPE_STRING, "RGBA", "width", G_TYPE_INT, width, "height",
+        G_TYPE_INT, height, "framerate", GST_TYPE_FRACTION, dec->fps_n, dec->fps_d, nullptr);
+    gst_pad_set_caps(dec->srcpad, caps);
+    gst_caps_unref(caps);
+    dec->last_width = width;
+    dec->last_height = height;
+    dec->last_fps_n = dec->fps_n;
+    dec->last_fps_d = dec->fps_d;
+
+    gst_kalpng_dec_push_held_segment(dec);
+}
+
+static BufferHolder gst_kalpng_dec_allocate(const STImageSimple& image) {
+    GstBuffer* out = gst_buffer_new_allocate(nullptr, image.dataSize, nullptr);
+    if (!out) kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    return BufferHolder(out);
+}
+
+// Output timing: the incoming timestamp when there is one, then in packetized mode each
+// frame follows the previous one by the incoming duration or one frame period.
+static void gst_kalpng_dec_stamp(GstKalPngDec* dec, GstBuffer* out, GstBuffer* in) {
+    GST_BUFFER_PTS(out) = dec->next_ts;
+
+    GstClockTime duration = GST_CLOCK_TIME_NONE;
+    if (dec->packetized && GST_CLOCK_TIME_IS_VALID(dec->next_ts)) {
+        if (GST_BUFFER_DURATION_IS_VALID(in)) {
+            duration = GST_BUFFER_DURATION(in);
+        } else if (dec->fps_n != 0) {
+            duration = gst_util_uint64_scale(GST_SECOND, dec->fps_d, dec->fps_n);
+        }
+    }
+    GST_BUFFER_DURATION(out) = duration;
+    dec->next_ts =
+        GST_CLOCK_TIME_IS_VALID(duration) ? dec->next_ts + duration : GST_CLOCK_TIME_NONE;
+}
+
+// Cuts the frame to a TIME segment. A frame without duration counts as a zero-length span
+// at its timestamp. Answers false when the frame lies outside the segment.
+static bool gst_kalpng_dec_clip(GstKalPngDec* dec, GstBuffer* out) {
+    const GstClockTime start = GST_BUFFER_PTS(out);
+    const GstClockTime duration = GST_BUFFER_DURATION(out);
+    const GstClockTime stop = GST_CLOCK_TIME_IS_VALID(duration) ? start + duration : start;
+
+    guint64 clip_start, clip_stop;
+    if (!gst_segment_clip(dec->segment, GST_FORMAT_TIME, start, stop, &clip_start, &clip_stop)) {
+        GST_WARNING_OBJECT(dec, "Outgoing buffer is outside configured segment");
+        return false;
+    }
+    GST_LOG_OBJECT(dec, "Clipping start to %" GST_TIME_FORMAT, GST_TIME_ARGS(clip_start));
+    GST_BUFFER_PTS(out) = clip_start;
+    if (GST_CLOCK_TIME_IS_VALID(duration)) {
+        GST_LOG_OBJECT(dec, "Clipping duration to %" GST_TIME_FORMAT,
+                       GST_TIME_ARGS(clip_stop - clip_start));
+        GST_BUFFER_DURATION(out) = clip_stop - clip_start;
+    }
+    return true;
+}
+
+static void gst_kalpng_dec_fill(GstKalPngDec* dec, GstBuffer* out, const STImageSimple& image) {
+    // A buffer that cannot be written is as unusable as one that could not be allocated.
+    GstMapInfo map;
+    if (!gst_buffer_map(out, &map, GST_MAP_WRITE)) {
+        kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    }
+    kau::mem::Copy8(map.data, image.data, image.dataSize);
+    gst_buffer_unmap(out, &map);
+    GST_INFO_OBJECT(
+        dec, "ready to push an output buffer, ts=%" GST_TIME_FORMAT ", dur=%" GST_TIME_FORMAT,
+        GST_TIME_ARGS(GST_BUFFER_PTS(out)), GST_TIME_ARGS(GST_BUFFER_DURATION(out)));
+}
+
+// Pushes the buffer's bytes into the input and sends out the frame they complete, if any.
+// One buffer yields at most one frame: after a frame the input is pushed zero bytes, which
+// always asks for more, so a second PNG already held waits for the next buffer.
+static GstFlowReturn gst_kalpng_dec_chain(GstPad*, GstObject* parent, GstBuffer* buf) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(parent);
+    if (GST_BUFFER_PTS_IS_VALID(buf)) dec->next_ts = GST_BUFFER_PTS(buf);
+
+    GstMapInfo in;
+    const bool mapped = gst_buffer_map(buf, &in, GST_MAP_READ);
+    const guint8* bytes = mapped ? in.data : nullptr;
+    unsigned long count = mapped ? in.size : 0;
+
+    GstFlowReturn flow = GST_FLOW_OK;
+    try {
+        while (dec->input.Push(bytes, count) == 0) {
+            DecodedFrame frame;
+            gst_kalpng_dec_decode(dec, frame);
+            gst_kalpng_dec_update_caps(dec, frame.image);
+            BufferHolder out = gst_kalpng_dec_allocate(frame.image);
+            gst_kalpng_dec_stamp(dec, out.get(), buf);
+            if (dec->segment->format == GST_FORMAT_TIME && !gst_kalpng_dec_clip(dec, out.get())) {
+                break;
+            }
+            gst_kalpng_dec_fill(dec, out.get(), frame.image);
+
+            flow = gst_pad_push(dec->srcpad, out.release());
+            if (flow != GST_FLOW_OK) {
+                GST_ERROR_OBJECT(dec, "could not push output buffer");
+                break;
+            }
+            count = 0;
+        }
+    } catch (...) {
+        kau::ReportCurrentException(kElementFile, kCatchChain);
+        flow = GST_FLOW_ERROR;
+    }
+
+    if (mapped) gst_buffer_unmap(buf, &in);
+    gst_buffer_unref(buf);
+    return flow;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Plug-in
+
+static gboolean plugin_init(GstPlugin* plugin) {
+    return gst_element_register(plugin, "kalpng_dec", GST_RANK_PRIMARY, GST_TYPE_KALPNG_DEC);
+}
+
+// The descriptor's source-module field.
+#define PACKAGE "gstreamer"
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, kalpng, "Vorlane PNG Codecs", plugin_init,
+                  "0.10.20", "Proprietary", "GStreamer source release",
+                  "https://gstreamer.freedesktop.org/")

@@ -1,0 +1,44 @@
+// The PNG decoder element kalpng_dec: PNG bytes in ("image/png"), RGBA frames out.
+#pragma once
+
+#include <gst/gst.h>
+
+#include "kpng.h"
+
+#define GST_TYPE_KALPNG_DEC (gst_kalpng_dec_get_type())
+#define GST_KALPNG_DEC(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_KALPNG_DEC, GstKalPngDec))
+#define GST_IS_KALPNG_DEC(obj) (G_TYPE_CHECK_INSTANCE_TYPE((obj), GST_TYPE_KALPNG_DEC))
+
+struct GstKalPngDec {
+    GstElement element;
+
+    GstPad* sinkpad;
+    GstPad* srcpad;
+
+    // Collects the PNG bytes; constructed on READY to PAUSED, destroyed on PAUSED to READY.
+    kpng::Input input;
+    GstSegment* segment;
+
+    // Frame rate of the sink caps; a "framerate" field there means one PNG per frame.
+    gint32 fps_n;
+    gint32 fps_d;
+    gboolean packetized;
+    GstClockTime next_ts;
+
+    // What the caps last set on the source pad said.
+    gint32 last_fps_n;
+    gint32 last_fps_d;
+    gint32 last_width;
+    gint32 last_height;
+
+    // A segment that arrived before the source pad had caps; it follows the first caps.
+    GstEvent* held_segment;
+};
+
+struct GstKalPngDecClass {
+    GstElementClass parent_class;
+};
+
+G_BEGIN_DECLS
+GType gst_kalpng_dec_get_type(void);
+G_END_DECLS
