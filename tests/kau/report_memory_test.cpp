@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <string>
 #include <vector>
@@ -12,14 +13,20 @@
 
 namespace {
 
-std::string ReportOf(void (*raise)(), const char* file = "site/file", int line = 7) {
-    testing::internal::CaptureStdout();
+using Header = kau::mem::Heap::BlockHeader;
+
+Header* HeaderOf(void* p) {
+    return reinterpret_cast<Header*>(static_cast<char*>(p) - sizeof(Header));
+}
+
+// The position of the kau::Error that `call` raises, or 0.
+int PositionOf(const std::function<void()>& call) {
     try {
-        raise();
-    } catch (...) {
-        kau::ReportCurrentException(file, line);
+        call();
+    } catch (const kau::Error& e) {
+        return e.Position();
     }
-    return testing::internal::GetCapturedStdout();
+    return 0;
 }
 
 TEST(Report, EachArmPrintsItsPlace) {
@@ -34,18 +41,18 @@ TEST(Report, EachArmPrintsItsPlace) {
         {[] { throw 42; }, "\n?!exception@ site/file +7 !?\n\n\n"},
         {[] { throw std::bad_alloc(); }, "\n?!exception@ site/file +7 !?\n\n\n"},
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(ReportOf(c.raise), c.expected);
+    for (const Case& c : cases) {
+        testing::internal::CaptureStdout();
+        try {
+            c.raise();
+        } catch (...) {
+            kau::ReportCurrentException("site/file", 7);
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.expected);
+    }
 }
 
-TEST(Report, ErrorKeepsItsPlaceAndNeverAnswersNullFile) {
-    kau::Error e("x/y", 99, 5);
-    EXPECT_STREQ(e.FileName(), "x/y");
-    EXPECT_EQ(e.Position(), 99);
-    EXPECT_STREQ(kau::Error(nullptr, 1, -1).FileName(), "");
-}
-
-// Allocator hooks that count what passes through them; each test restores plain ones.
+// Allocator hooks that count what passes through them; every test leaves none outstanding.
 struct Counting {
     static inline int news = 0, deletes = 0;
     static inline bool fail = false, raise = false;
@@ -56,9 +63,7 @@ struct Counting {
         return malloc(n ? n : 1);
     }
     static void Delete(void* p) {
-        if (!p) return;
-        ++deletes;
-        free(p);
+        if (p) ++deletes, free(p);
     }
 };
 
@@ -72,16 +77,6 @@ class Hooks : public testing::Test {
     void TearDown() override { EXPECT_EQ(Counting::news, Counting::deletes) << "leaked blocks"; }
 };
 
-int PositionOf(void (*call)()) {
-    try {
-        call();
-    } catch (const kau::Error& e) {
-        EXPECT_STREQ(e.FileName(), kau::kKauFile);
-        return e.Position();
-    }
-    return 0;
-}
-
 TEST_F(Hooks, NewReportsAHookThatThrowsAndAnswersNull) {
     Counting::raise = true;
     testing::internal::CaptureStdout();
@@ -93,83 +88,48 @@ TEST_F(Hooks, NewReportsAHookThatThrowsAndAnswersNull) {
 TEST_F(Hooks, ReplacingNeedsBothHooks) {
     kau::mem::SetExternalNewAndDelete(nullptr, free);
     kau::mem::SetExternalNewAndDelete([](unsigned long) -> void* { return nullptr; }, nullptr);
-    void* p = kau::mem::New(8);
+    kau::mem::Delete(kau::mem::New(8));
     EXPECT_EQ(Counting::news, 1);
-    kau::mem::Delete(p);
 }
 
-TEST_F(Hooks, AlignedBlocksAreAlignedOverManySizes) {
-    for (unsigned long size = 0; size < 300; ++size) {
-        auto p = static_cast<unsigned char*>(kau::mem::NewAligned(size));
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << size;
-        memset(p, 0xA5, size);
-        kau::mem::DeleteAligned(p);
-    }
-}
-
-TEST_F(Hooks, AlignedFailures) {
-    EXPECT_EQ(PositionOf([] { kau::mem::DeleteAligned(reinterpret_cast<void*>(24)); }),
-              kau::kErrDeleteAlignedMisaligned);
-    Counting::fail = true;
-    EXPECT_EQ(PositionOf([] { kau::mem::NewAligned(16); }), kau::kErrNewAligned);
-    EXPECT_EQ(PositionOf([] { kau::mem::NewAligned(0xFFFFFFF0u); }), kau::kErrNewAligned);
-}
-
-TEST_F(Hooks, HeapBlocksAreAlignedRecordedAndFreedTogether) {
+TEST_F(Hooks, BlocksAreAlignedRecordedAndFreedTogether) {
     {
         kau::mem::Heap heap;
         for (unsigned long size = 0; size < 300; ++size) {
             auto p = static_cast<unsigned char*>(heap.Allocate(size));
+            auto q = static_cast<unsigned char*>(kau::mem::NewAligned(size));
             ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << size;
-            auto header = reinterpret_cast<kau::mem::Heap::BlockHeader*>(
-                p - sizeof(kau::mem::Heap::BlockHeader));
-            EXPECT_EQ(header->size, size);
-            EXPECT_LE(static_cast<unsigned char*>(header->raw),
-                      reinterpret_cast<unsigned char*>(header));
+            ASSERT_EQ(reinterpret_cast<uintptr_t>(q) % 16, 0u) << size;
+            EXPECT_EQ(HeaderOf(p)->size, size);
             memset(p, 0x5A, size);
+            memset(q, 0xA5, size);
+            kau::mem::DeleteAligned(q);
         }
-        EXPECT_EQ(Counting::news, 300);
+        EXPECT_EQ(Counting::news - Counting::deletes, 300);
     }
-    EXPECT_EQ(Counting::deletes, 300);
 }
 
-TEST_F(Hooks, HeapAllocationFailureLeavesTheListAlone) {
+TEST_F(Hooks, FailuresRaiseAtTheirPositions) {
     kau::mem::Heap heap;
     heap.Allocate(8);
+    EXPECT_EQ(PositionOf([] { kau::mem::DeleteAligned(reinterpret_cast<void*>(24)); }),
+              kau::kErrDeleteAlignedMisaligned);
+    EXPECT_EQ(PositionOf([] { kau::mem::NewAligned(0xFFFFFFF0u); }), kau::kErrNewAligned);
+    EXPECT_EQ(PositionOf([&] { heap.Allocate(0xFFFFFFF0u); }), kau::kErrHeapAllocate);
+    EXPECT_EQ(PositionOf([&] { heap.AllocateAndZero(0xFFFFFFFDu); }), kau::kErrRoundUpOverflow);
     Counting::fail = true;
-    try {
-        heap.Allocate(8);
-        FAIL();
-    } catch (const kau::Error& e) {
-        EXPECT_EQ(e.Position(), kau::kErrHeapAllocate);
-    }
-    try {
-        heap.Allocate(0xFFFFFFF0u);
-        FAIL();
-    } catch (const kau::Error& e) {
-        EXPECT_EQ(e.Position(), kau::kErrHeapAllocate);
-    }
+    EXPECT_EQ(PositionOf([] { kau::mem::NewAligned(16); }), kau::kErrNewAligned);
+    EXPECT_EQ(PositionOf([&] { heap.Allocate(8); }), kau::kErrHeapAllocate);
     Counting::fail = false;
     heap.FreeMemory();
-    EXPECT_EQ(Counting::deletes, 1);
+    EXPECT_EQ(Counting::deletes, 1) << "a failed allocation leaves the list alone";
 }
 
-TEST_F(Hooks, AllocateAndZeroRoundsToWordsAndRefusesTheTop) {
+TEST_F(Hooks, AllocateAndZeroRoundsToWords) {
     kau::mem::Heap heap;
     auto p = static_cast<unsigned char*>(heap.AllocateAndZero(5));
-    auto header =
-        reinterpret_cast<kau::mem::Heap::BlockHeader*>(p - sizeof(kau::mem::Heap::BlockHeader));
-    EXPECT_EQ(header->size, 8u);
-    for (int i = 0; i < 8; ++i)
-        EXPECT_EQ(p[i], 0);
-    for (unsigned long size : {0xFFFFFFFDul, 0xFFFFFFFFul}) {
-        try {
-            heap.AllocateAndZero(size);
-            FAIL() << size;
-        } catch (const kau::Error& e) {
-            EXPECT_EQ(e.Position(), kau::kErrRoundUpOverflow);
-        }
-    }
+    EXPECT_EQ(HeaderOf(p)->size, 8u);
+    EXPECT_EQ(std::vector<unsigned char>(p, p + 8), std::vector<unsigned char>(8, 0));
 }
 
 TEST_F(Hooks, ReallocateGrowsButNeverShrinks) {
@@ -179,9 +139,7 @@ TEST_F(Hooks, ReallocateGrowsButNeverShrinks) {
         p[i] = static_cast<unsigned char>(i);
     EXPECT_EQ(heap.Reallocate(p, 16), p);
     EXPECT_EQ(heap.Reallocate(p, 4), p);
-    auto header =
-        reinterpret_cast<kau::mem::Heap::BlockHeader*>(p - sizeof(kau::mem::Heap::BlockHeader));
-    EXPECT_EQ(header->size, 16u);
+    EXPECT_EQ(HeaderOf(p)->size, 16u);
 
     auto q = static_cast<unsigned char*>(heap.Reallocate(p, 64));
     EXPECT_NE(q, p);
@@ -189,14 +147,9 @@ TEST_F(Hooks, ReallocateGrowsButNeverShrinks) {
         EXPECT_EQ(q[i], i);
     EXPECT_EQ(Counting::news - Counting::deletes, 1) << "the old block is released at once";
     EXPECT_NE(heap.Reallocate(nullptr, 8), nullptr);
-
     unsigned char foreign[64] = {};
-    try {
-        heap.Reallocate(foreign + 32, 8);
-        FAIL();
-    } catch (const kau::Error& e) {
-        EXPECT_EQ(e.Position(), kau::kErrHeapReallocateUnknown);
-    }
+    EXPECT_EQ(PositionOf([&] { heap.Reallocate(foreign + 32, 8); }),
+              kau::kErrHeapReallocateUnknown);
 }
 
 TEST(Primitives, Comparisons) {
@@ -225,7 +178,7 @@ TEST(Primitives, Comparisons) {
         int expected;
     } strings[] = {
         {nullptr, nullptr, 0}, {nullptr, "a", -1}, {"a", nullptr, 1}, {"ab", "abc", -1},
-        {"abc", "ab", 1},      {"abc", "abc", 0},  {"b", "abc", 1},   {"", "", 0},
+        {"abc", "ab", 1},      {"abc", "abc", 0},  {"b", "abc", 1},
     };
     for (const StrCase& c : strings)
         EXPECT_EQ(kau::mem::Compare(c.x, c.y), c.expected);
@@ -246,39 +199,27 @@ TEST(Primitives, Strings) {
 
     const char* s = "abc";
     EXPECT_EQ(kau::mem::AtStr(s, "b"), nullptr);
-    EXPECT_EQ(kau::mem::AtStr(s, "abc"), nullptr);
     EXPECT_EQ(kau::mem::AtStr(s, nullptr), s);
     EXPECT_EQ(kau::mem::AtStr("", nullptr), nullptr);
     EXPECT_EQ(kau::mem::AtStr(nullptr, nullptr), nullptr);
-
     EXPECT_EQ(kau::mem::StrLen(nullptr), 0u);
-    EXPECT_EQ(kau::mem::StrLen("abcd"), 4u);
-    char copy[8];
-    kau::mem::CopyIncludingLast0(copy, "xyz");
-    EXPECT_STREQ(copy, "xyz");
-
     EXPECT_EQ(kau::mem::AtChar(s, 'c', 3), s + 2);
     EXPECT_EQ(kau::mem::AtChar(s, 'c', 2), nullptr);
     EXPECT_EQ(kau::mem::AtChar(nullptr, 'c', 3), nullptr);
-    EXPECT_EQ(kau::mem::AtChar(s, 'a', 0), nullptr);
 }
 
 TEST(Primitives, FillsAndCopies) {
     unsigned char buf[12];
     memset(buf, 0xEE, sizeof buf);
     kau::mem::Set32(buf, 0x12345678, 2);
-    for (int i = 0; i < 8; ++i)
-        EXPECT_EQ(buf[i], 0x78) << "a byte fill, not a word pattern";
-    EXPECT_EQ(buf[8], 0xEE);
-
     kau::mem::Set8(buf, 7, 3);
     kau::mem::Zero32(buf + 4, 1);
     EXPECT_EQ(std::vector<unsigned char>(buf, buf + 9),
-              (std::vector<unsigned char>{7, 7, 7, 0x78, 0, 0, 0, 0, 0xEE}));
+              (std::vector<unsigned char>{7, 7, 7, 0x78, 0, 0, 0, 0, 0xEE}))
+        << "Set32 is a byte fill over a word count";
 
     unsigned char words[8] = {1, 2, 3, 4, 5, 6, 7, 8}, out[8] = {};
     kau::mem::Copy32(out, words, 2);
-    EXPECT_EQ(memcmp(out, words, 8), 0);
     kau::mem::Zero8(out, 3);
     kau::mem::Copy8(out + 7, words, 1);
     EXPECT_EQ(std::vector<unsigned char>(out, out + 8),
@@ -286,15 +227,9 @@ TEST(Primitives, FillsAndCopies) {
 }
 
 TEST(RoundUp, RefusesWhatWouldWrap) {
-    EXPECT_EQ(kau::RoundUp(0, 4), 0u);
     EXPECT_EQ(kau::RoundUp(5, 4), 8u);
     EXPECT_EQ(kau::RoundUp(0xFFFFFFF8u, 8), 0xFFFFFFF8u);
-    try {
-        kau::RoundUp(0xFFFFFFF9u, 8, 1234);
-        FAIL();
-    } catch (const kau::Error& e) {
-        EXPECT_EQ(e.Position(), kau::kErrRoundUpOverflow);
-    }
+    EXPECT_EQ(PositionOf([] { kau::RoundUp(0xFFFFFFF9u, 8, 1234); }), kau::kErrRoundUpOverflow);
 }
 
 }  // namespace
