@@ -3,6 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#include <tmmintrin.h>
+#endif
+
 #include "mmstream.h"
 #include "zin.h"
 
@@ -112,12 +117,11 @@ inline uint8_t PaethPredictor(int a, int b, int c) {
     return uint8_t(((pa <= pb) & (pa <= pc)) ? a : nearerOfBAndC);
 }
 
+// Continues a Paeth row at byte `i` with the left and upper-left bytes of the pixel before it.
 template <int Bpp>
-void UnfilterPaethBytes(unsigned char* __restrict row, unsigned char* __restrict prior,
-                        uint32_t n) {
-    uint8_t left[Bpp] = {};
-    uint8_t upperLeft[Bpp] = {};
-    for (uint32_t i = 0; i < n; i += Bpp) {
+void UnfilterPaethBytesFrom(unsigned char* __restrict row, unsigned char* __restrict prior,
+                            uint32_t i, uint32_t n, uint8_t* left, uint8_t* upperLeft) {
+    for (; i < n; i += Bpp) {
         for (int k = 0; k < Bpp; ++k) {
             uint8_t upper = prior[i + k];
             left[k] = uint8_t(row[i + k] + PaethPredictor(left[k], upper, upperLeft[k]));
@@ -125,6 +129,14 @@ void UnfilterPaethBytes(unsigned char* __restrict row, unsigned char* __restrict
             prior[i + k] = row[i + k] = left[k];
         }
     }
+}
+
+template <int Bpp>
+void UnfilterPaethBytes(unsigned char* __restrict row, unsigned char* __restrict prior,
+                        uint32_t n) {
+    uint8_t left[Bpp] = {};
+    uint8_t upperLeft[Bpp] = {};
+    UnfilterPaethBytesFrom<Bpp>(row, prior, 0, n, left, upperLeft);
 }
 
 // Pixels of 3 to 8 bytes: one pixel per step, all its bytes at once in 16-bit lanes (the
@@ -189,8 +201,78 @@ constexpr bool kSimdLanes = true;
 constexpr bool kSimdLanes = false;
 #endif
 
+// Process-wide choice between the vector forms of the row loops and the portable ones.
+bool vectorRows = true;
+
+#if defined(__SSE2__)
+// SSE2 is part of every x86-64 processor. The Paeth predictor of one pixel in 16-bit lanes:
+// with p = a + b - c, the distances are |p - a| = |b - c|, |p - b| = |a - c| and
+// |p - c| = |(b - c) + (a - c)|; a wins ties, then b.
+inline __m128i Select(__m128i mask, __m128i ifSet, __m128i ifClear) {
+    return _mm_or_si128(_mm_and_si128(mask, ifSet), _mm_andnot_si128(mask, ifClear));
+}
+
+inline __m128i Absolute16(__m128i v) {
+    return _mm_max_epi16(v, _mm_sub_epi16(_mm_setzero_si128(), v));
+}
+
+inline __m128i PaethSse2(__m128i a, __m128i b, __m128i c) {
+    const __m128i fromB = _mm_sub_epi16(b, c), fromA = _mm_sub_epi16(a, c);
+    const __m128i pa = Absolute16(fromB), pb = Absolute16(fromA);
+    const __m128i pc = Absolute16(_mm_add_epi16(fromB, fromA));
+    const __m128i smallest = _mm_min_epi16(_mm_min_epi16(pa, pb), pc);
+    return Select(_mm_cmpeq_epi16(smallest, pa), a, Select(_mm_cmpeq_epi16(smallest, pb), b, c));
+}
+
+// Four pixels of 3 or 4 bytes per step: the raw and prior bytes of the step come in one load
+// each, the pixels are unfiltered one after the other in registers, and exactly the step's
+// bytes are stored, so that no later load overlaps an earlier store. Loads need 16 bytes, so
+// the last pixels of a row go through the byte loop.
+template <int Bpp>
+void UnfilterPaethSse2(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+    static_assert(Bpp == 3 || Bpp == 4, "four pixels fill at most 16 bytes");
+    const __m128i zero = _mm_setzero_si128(), low = _mm_set1_epi16(0xFF);
+    __m128i a = zero, c = zero;
+    uint32_t i = 0;
+    for (; n >= 16 && i <= n - 16; i += 4 * Bpp) {
+        __m128i raw = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + i));
+        __m128i up = _mm_loadu_si128(reinterpret_cast<const __m128i*>(prior + i));
+        uint32_t pixels[4];
+        for (int k = 0; k < 4; ++k) {
+            const __m128i b = _mm_unpacklo_epi8(up, zero);
+            a = _mm_and_si128(_mm_add_epi16(_mm_unpacklo_epi8(raw, zero), PaethSse2(a, b, c)), low);
+            c = b;
+            pixels[k] = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(a, a)));
+            raw = _mm_srli_si128(raw, Bpp);
+            up = _mm_srli_si128(up, Bpp);
+        }
+        unsigned char bytes[16];
+        if constexpr (Bpp == 4) {
+            memcpy(bytes, pixels, 16);
+        } else {
+            for (int k = 0; k < 4; ++k)
+                memcpy(bytes + 3 * k, &pixels[k], 3);
+        }
+        memcpy(row + i, bytes, 4 * Bpp);
+        memcpy(prior + i, bytes, 4 * Bpp);
+    }
+    uint8_t left[Bpp], upperLeft[Bpp];
+    for (int k = 0; k < Bpp; ++k) {
+        left[k] = uint8_t(_mm_extract_epi16(a, 0));
+        upperLeft[k] = uint8_t(_mm_extract_epi16(c, 0));
+        a = _mm_srli_si128(a, 2);
+        c = _mm_srli_si128(c, 2);
+    }
+    UnfilterPaethBytesFrom<Bpp>(row, prior, i, n, left, upperLeft);
+}
+#endif
+
 template <int Bpp>
 void UnfilterPaeth(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+    if (!vectorRows) return UnfilterPaethBytes<Bpp>(row, prior, n);
+#if defined(__SSE2__)
+    if constexpr (Bpp == 3 || Bpp == 4) return UnfilterPaethSse2<Bpp>(row, prior, n);
+#endif
     if constexpr (Bpp >= 3 && kSimdLanes)
         UnfilterPaethLanes<Bpp>(row, prior, n);
     else
@@ -243,7 +325,8 @@ void ExpandGrey16(const unsigned char* __restrict in, unsigned char* __restrict 
 }
 
 // Each pixel but the last as one 4-byte load whose fourth byte is replaced by the alpha.
-void ExpandRgb8(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n) {
+void ExpandRgb8Portable(const unsigned char* __restrict in, unsigned char* __restrict out,
+                        uint32_t n) {
     const uint32_t colour = Pixel(255, 255, 255, 0), alpha = Pixel(0, 0, 0, 255);
     for (uint32_t i = 0; i + 1 < n; ++i) {
         uint32_t pixel;
@@ -252,6 +335,35 @@ void ExpandRgb8(const unsigned char* __restrict in, unsigned char* __restrict ou
         memcpy(out + 4 * i, &pixel, 4);
     }
     StorePixel(out + 4 * (n - 1), in[3 * n - 3], in[3 * n - 2], in[3 * n - 1], 255);
+}
+
+#if defined(__SSE2__)
+// Four pixels per byte shuffle, for processors with SSSE3 (checked at run time); loads need
+// 16 bytes, so the last pixels go through the portable loop.
+__attribute__((target("ssse3"))) void ExpandRgb8Ssse3(const unsigned char* __restrict in,
+                                                      unsigned char* __restrict out, uint32_t n) {
+    const __m128i spread = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m128i alpha = _mm_set1_epi32(int(Pixel(0, 0, 0, 255)));
+    uint32_t i = 0;
+    for (; n >= 6 && i <= n - 6; i += 4) {
+        const __m128i rgb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 3 * i));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i),
+                         _mm_or_si128(_mm_shuffle_epi8(rgb, spread), alpha));
+    }
+    if (i < n) ExpandRgb8Portable(in + 3 * i, out + 4 * i, n - i);
+}
+
+bool HasSsse3() {
+    static const bool has = __builtin_cpu_supports("ssse3");
+    return has;
+}
+#endif
+
+void ExpandRgb8(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n) {
+#if defined(__SSE2__)
+    if (vectorRows && HasSsse3()) return ExpandRgb8Ssse3(in, out, n);
+#endif
+    ExpandRgb8Portable(in, out, n);
 }
 
 void ExpandRgb8Keyed(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n,
@@ -291,6 +403,10 @@ void ExpandRgba16(const unsigned char* __restrict in, unsigned char* __restrict 
 }
 
 }  // namespace
+
+void UseVectorRowPaths(bool enabled) {
+    vectorRows = enabled;
+}
 
 // ---- Construction ----
 

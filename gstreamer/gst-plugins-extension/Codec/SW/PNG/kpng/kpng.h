@@ -119,6 +119,12 @@ inline uint32_t ReadBigEndian31(const unsigned char* p) {
     return v;
 }
 
+// Row unfiltering and expansion have portable loops and, where the processor has them, vector
+// forms (chosen at run time where they need more than the target's baseline). They give the
+// same bytes; false forces the portable loops, so that tests can compare the two. Process-wide
+// and unsynchronised, like the allocator hooks: set it while no decoder runs.
+void UseVectorRowPaths(bool enabled);
+
 // Decodes one PNG, held in memory or read from a stream, into R, G, B, A bytes.
 // Construction validates the signature, the header and every chunk up to the first image data;
 // a failure there is reported and then raised at kErrMemoryConstructor or
