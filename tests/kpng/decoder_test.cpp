@@ -1,0 +1,370 @@
+// The decoder on PngSuite and on files made for one rule each: chunk order, CRCs, header limits,
+// transparency and background forms, unknown chunks, inputs that end early, the image data's zlib
+// stream, row filters, Adam7, expansion of every colour type and depth, and the output size guards.
+// Each failure is checked by the reports it prints.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kau.h"
+#include "mmstream.h"
+#include "png_support.h"
+
+namespace pngtest {
+namespace {
+
+// PngSuite: every valid file decodes through every input path to libpng's pixels; every broken
+// file is refused with a report.
+std::set<std::string> SuiteFiles() {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(KALPNG_TESTDATA "/pngsuite"))
+        if (entry.path().extension() == ".png") names.insert(entry.path().stem().string());
+    return names;
+}
+
+class PngSuite : public testing::TestWithParam<std::string> {};
+
+TEST_P(PngSuite, DecodesLikeTheReferenceOrIsRefused) {
+    std::ifstream file(KALPNG_TESTDATA "/pngsuite/" + GetParam() + ".png", std::ios::binary);
+    const Bytes png{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const bool broken = GetParam()[0] == 'x';
+    const Reference reference = ReferenceDecode(png);
+    ASSERT_EQ(reference.ok, !broken);
+    for (Source source : {Source::Memory, Source::PageArrayStream, Source::FileStream}) {
+        SCOPED_TRACE(SourceName(source));
+        const Decoded decoded = Decode(png, source);
+        if (broken) {
+            EXPECT_EQ(decoded.result, 0);
+            EXPECT_NE(decoded.printed.find("?!exception@ "), std::string::npos);
+            continue;
+        }
+        ASSERT_EQ(decoded.printed, "");
+        EXPECT_EQ(decoded.width, reference.width);
+        EXPECT_EQ(decoded.height, reference.height);
+        EXPECT_TRUE(decoded.rgba == reference.rgba);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, PngSuite, testing::ValuesIn(SuiteFiles()),
+                         [](const auto& info) { return info.param; });
+
+TEST(PngSuiteData, IsPresent) {
+    EXPECT_EQ(SuiteFiles().size(), 175u);
+}
+
+// A chunk, or raw bytes when the type is empty.
+struct Piece {
+    std::string type;
+    Bytes data;
+    bool badCrc = false;
+};
+
+Bytes Build(const std::vector<Piece>& pieces) {
+    PngWriter png;
+    for (const Piece& p : pieces) {
+        if (p.type.empty())
+            png.Raw(p.data);
+        else if (p.badCrc)
+            png.ChunkWithCrc(p.type, p.data, 0x12345678);
+        else
+            png.Chunk(p.type, p.data);
+    }
+    return png.bytes();
+}
+
+// The scanlines of a 2 x 2 RGB image whose samples are all zero; image data that holds more
+// (enough for every 8-bit type); and a stream with a wrong Adler-32.
+const Bytes kRows = Scanlines(RawImage{2, 2, 8, 2, Bytes(12)}, false, [](int) { return 0; });
+const Bytes kData = Zlib(Join({kRows, Bytes(4)}));
+const Bytes kBadAdler = Join({Slice(Zlib(kRows), 0, Zlib(kRows).size() - 1), {0}});
+
+const Piece kRgb = {"IHDR", IhdrData(2, 2, 8, 2)}, kPal = {"IHDR", IhdrData(2, 2, 8, 3)};
+const Piece kGrey = {"IHDR", IhdrData(2, 2, 8, 0)}, kGreyA = {"IHDR", IhdrData(2, 2, 8, 4)};
+const Piece kPlte = {"PLTE", {10, 20, 30, 40, 50, 60, 70, 80, 90}};
+const Piece kIdat = {"IDAT", kData}, kIend = {"IEND", {}}, kGama = {"gAMA", Be32(45455)};
+const Piece kKey = {"tRNS", Be16(0)}, kBack = {"bKGD", Be16(0)};
+
+std::vector<Piece> WithHeader(const Bytes& ihdr) {
+    return {{"IHDR", ihdr}, kIdat, kIend};
+}
+
+struct ChunkCase {
+    const char* name;
+    std::vector<Piece> pieces;
+    int position;            // of the first cause; 0: accepted
+    bool duringDecode;       // or while constructing
+    int streamPosition = 0;  // when a stream fails elsewhere
+    size_t cut = 0;          // bytes cut from the end
+};
+
+// clang-format off
+const ChunkCase kChunkCases[] = {
+    // Accepted.
+    {"SkippedAncillary", {kRgb, kGama, {"zzzz", Bytes(70)}, kIdat, {"tIME", Bytes(7)}, kIend}, 0, false},
+    {"SuggestedPalette", {kRgb, {"PLTE", Bytes(9)}, kIdat, kIend}, 0, false},
+    {"SuggestedPaletteNotChecked", {kRgb, {"PLTE", Bytes(10)}, kIdat, kIend}, 0, false},
+    {"BkgdAfterIdat", {kRgb, kIdat, {"bKGD", Bytes(1)}, kIend}, 0, false},
+    {"ZeroLengthIdats", {kRgb, {"IDAT", {}}, {"IDAT", {}}, kIdat, kIend}, 0, false},
+    {"EmptyPalette", {kPal, {"PLTE", {}}, kIdat, kIend}, 0, false},
+    // Refused before the image data.
+    {"IdatBeforeIhdr", {kIdat, kIend}, 32, false},
+    {"AncillaryBeforeIhdr", {kGama, kRgb, kIdat, kIend}, 745, false},
+    {"PlteBeforeIhdr", {kPlte, kPal, kIdat, kIend}, 647, false},
+    {"TrnsBeforeIhdr", {kKey, kGrey, kIdat, kIend}, 673, false},
+    {"BkgdBeforeIhdr", {kBack, kGrey, kIdat, kIend}, 709, false},
+    {"IendFirst", {kIend}, 589, false},
+    {"IendBeforeIdat", {kRgb, kIend}, 589, false},
+    {"IhdrTwice", {kRgb, kRgb, kIdat, kIend}, 598, false},
+    {"PaletteWithoutPlte", {kPal, kIdat, kIend}, 33, false},
+    {"PlteAfterTrns", {kRgb, {"tRNS", Bytes(6)}, kPlte, kIdat, kIend}, 649, false},
+    {"PlteTwice", {kPal, kPlte, kPlte, kIdat, kIend}, 650, false},
+    {"PlteNotTriples", {kPal, {"PLTE", Bytes(10)}, kIdat, kIend}, 658, false},
+    {"PlteTooLong", {kPal, {"PLTE", Bytes(771)}, kIdat, kIend}, 658, false},
+    {"TrnsTwice", {kGrey, kKey, kKey, kIdat, kIend}, 675, false},
+    {"TrnsGreyLength", {kGrey, {"tRNS", Bytes(3)}, kIdat, kIend}, 679, false},
+    {"TrnsColourLength", {kRgb, {"tRNS", Bytes(2)}, kIdat, kIend}, 686, false},
+    {"TrnsBeforePlte", {kPal, {"tRNS", {1}}, kPlte, kIdat, kIend}, 695, false},
+    {"TrnsBeyondPalette", {kPal, kPlte, {"tRNS", Bytes(4)}, kIdat, kIend}, 696, false},
+    {"TrnsPaletteEmpty", {kPal, kPlte, {"tRNS", {}}, kIdat, kIend}, 697, false},
+    {"TrnsWithAlpha", {kGreyA, kKey, kIdat, kIend}, 702, false},
+    {"BkgdTwice", {kGrey, kBack, kBack, kIdat, kIend}, 711, false},
+    {"BkgdBeforePlte", {kPal, {"bKGD", {0}}, kPlte, kIdat, kIend}, 715, false},
+    {"BkgdPaletteLength", {kPal, kPlte, {"bKGD", {0, 0}}, kIdat, kIend}, 716, false},
+    {"BkgdPaletteIndex", {kPal, kPlte, {"bKGD", {3}}, kIdat, kIend}, 718, false},
+    {"BkgdGreyLength", {kGreyA, {"bKGD", Bytes(6)}, kIdat, kIend}, 725, false},
+    {"BkgdColourLength", {{"IHDR", IhdrData(2, 2, 8, 6)}, kBack, kIdat, kIend}, 734, false},
+    {"UnknownCritical", {kRgb, {"ABCD", {}}, kIdat, kIend}, 753, false},
+    {"TypeNotLetters", {kRgb, {"ab1d", {}}, kIdat, kIend}, 752, false},
+    // The header's own checks, in their order.
+    {"IhdrShort", {{"IHDR", Bytes(12)}, kIdat, kIend}, 599, false},
+    {"WidthZero", WithHeader(IhdrData(0, 2, 8, 2)), 631, false},
+    {"HeightZero", WithHeader(IhdrData(2, 0, 8, 2)), 631, false},
+    {"WidthTopBit", WithHeader(IhdrData(0x80000000, 0, 8, 2)), 22, false},
+    {"HeightTopBit", WithHeader(IhdrData(0, 0x80000000, 8, 2)), 22, false},
+    {"WidthAboveLimit", WithHeader(IhdrData(536870852, 1, 8, 2)), 635, false},
+    {"DepthBeforeType", WithHeader(IhdrData(2, 2, 3, 7)), 636, false},
+    {"ColourTypeOne", WithHeader(IhdrData(2, 2, 8, 1)), 637, false},
+    {"ColourTypeSeven", WithHeader(IhdrData(2, 2, 8, 7)), 637, false},
+    {"Palette16", WithHeader(IhdrData(2, 2, 16, 3)), 639, false},
+    {"Rgb4", WithHeader(IhdrData(2, 2, 4, 2)), 639, false},
+    {"InterlaceTwo", WithHeader(IhdrData(2, 2, 8, 2, 2)), 640, false},
+    {"CompressionOne", WithHeader(IhdrData(2, 2, 8, 2, 0, 1)), 641, false},
+    {"FilterOne", WithHeader(IhdrData(2, 2, 8, 2, 0, 0, 1)), 642, false},
+    // CRCs, checked before anything the chunk says.
+    {"IhdrCrcWithBadFields", {{"IHDR", IhdrData(0, 0, 3, 9), true}, kIdat, kIend}, 576, false},
+    {"PlteCrc", {kPal, {"PLTE", kPlte.data, true}, kIdat, kIend}, 576, false},
+    {"TrnsCrc", {kGrey, {"tRNS", Be16(0), true}, kIdat, kIend}, 576, false},
+    {"BkgdCrc", {kGrey, {"bKGD", Be16(0), true}, kIdat, kIend}, 576, false},
+    {"AncillaryCrc", {kRgb, {"gAMA", Be32(45455), true}, kIdat, kIend}, 576, false},
+    {"IdatCrc", {kRgb, {"IDAT", kData, true}, kIend}, 576, true},
+    {"EmptyIdatCrc", {kRgb, {"IDAT", {}, true}, kIdat, kIend}, 576, true},
+    {"MiddleIdatCrc", {kRgb, {"IDAT", Slice(kData, 0, 4)}, {"IDAT", Slice(kData, 4, 8), true},
+                       {"IDAT", Slice(kData, 8, kData.size())}, kIend}, 576, true},
+    {"TrailingAncillaryCrc", {kRgb, kIdat, {"tEXt", {'a', 0, 'b'}, true}, kIend}, 576, true},
+    {"IendCrc", {kRgb, kIdat, {"IEND", {}, true}}, 576, true},
+    // Chunks after the image data.
+    {"PlteAfterIdat", {kRgb, kIdat, kPlte, kIend}, 648, true},
+    {"TrnsAfterIdat", {kGrey, kIdat, kKey, kIend}, 674, true},
+    {"IhdrAfterIdat", {kRgb, kIdat, kRgb, kIend}, 598, true},
+    {"IdatAfterOtherChunk", {kRgb, kIdat, kGama, {"IDAT", {}}, kIend}, 884, true},
+    {"EmptyIdatAfterImageData", {kRgb, kIdat, {"IDAT", {}}, kIend}, 884, true},
+    {"CriticalAfterIdat", {kRgb, kIdat, {"ABCD", {}}, kIend}, 753, true},
+    {"ImageDataCutByOtherChunk", {kRgb, {"IDAT", Slice(kData, 0, 5)}, kGama,
+                                  {"IDAT", Slice(kData, 5, kData.size())}, kIend}, 514, true},
+    {"SurplusOverTwoIdats", {kRgb, {"IDAT", Slice(kData, 0, 5)}, {"IDAT", Slice(kData, 5, kData.size())}, kIend}, 0, false},
+    {"StreamEndsBeforeTheRows", {kRgb, {"IDAT", Zlib(Slice(kRows, 0, 7))}, kIend}, 514, true},
+    {"StreamCutShort", {kRgb, {"IDAT", Slice(kData, 0, 4)}, kIend}, 514, true},
+    {"BadAdler", {kRgb, {"IDAT", kBadAdler}, kIend}, 527, true},
+    {"ImageDataNotZlib", {kRgb, {"IDAT", {0x78, 0x9C, 0xFF, 0xFF, 0xFF}}, kIend}, 527, true},
+    // Inputs that end early or are no PNG.
+    {"SignatureOnly", {}, 565, false, 556},
+    {"NoIend", {kRgb, kIdat}, 565, true, 556},
+    {"CutInsideIdat", {kRgb, kIdat}, 565, true, 556, 6},
+    {"CutInsideLargeChunk", {kRgb, {"tEXt", Bytes(9000, 'x')}}, 565, false, 544, 4000},
+    {"CutInsideLargeIdat", {kRgb, {"IDAT", Join({kData, Bytes(9000)})}}, 565, true, 544, 100},
+    {"ChunkLengthTopBit", {kRgb, {"", Join({Be32(0x80000000), {'g', 'A', 'M', 'A'}})}}, 22, false},
+};
+// clang-format on
+
+// The two reports of a failure: the first cause, then the constructor's or DecodePNG's own.
+std::string Expected(int cause, bool duringDecode, bool memory) {
+    return Report(kKpng, cause) +
+           (duringDecode ? Report(kCpng, memory ? 27 : 64) : Report(kKpng, memory ? 62 : 82));
+}
+
+class Chunks : public testing::TestWithParam<ChunkCase> {};
+
+// Failures are reported at their cause; accepted files give the black, opaque pixels of their
+// data, bytes after IEND included.
+TEST_P(Chunks, AreAcceptedOrReportedAtTheirCause) {
+    const ChunkCase& c = GetParam();
+    const Bytes png = Build(c.pieces);
+    const Bytes input = c.position ? Slice(png, 0, png.size() - c.cut) : Join({png, Bytes(9, 7)});
+    for (Source source : {Source::Memory, Source::PageArrayStream, Source::FileStream}) {
+        const bool memory = source == Source::Memory;
+        const int cause = memory || !c.streamPosition ? c.position : c.streamPosition;
+        const Decoded decoded = Decode(input, source);
+        EXPECT_EQ(decoded.printed, cause ? Expected(cause, c.duringDecode, memory) : "");
+        EXPECT_EQ(decoded.rgba, cause ? Bytes() : Join(std::vector<Bytes>(4, {0, 0, 0, 255})));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Chunks, testing::ValuesIn(kChunkCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// Random filters, and a full palette with some transparency or a tRNS key equal to the first
+// pixel so that some pixels match it.
+PngOptions OptionsFor(const RawImage& image, uint32_t seed) {
+    PngOptions options;
+    const Bytes filters = RandomBytes(4096, seed);
+    options.filterOf = [filters](int i) { return filters[size_t(i) % 4096] % 5; };
+    const int d = image.depth, type = image.colourType;
+    const auto sample = [&](int k) {
+        return Be16(uint16_t(image.PixelBits(0, 0) >> k * d & ((1u << d) - 1)));
+    };
+    if (type == 3) options.plte = RandomBytes(3u << d, seed + 1);
+    if (type == 3) options.trns = RandomBytes((1u << d) / 2 + 1, seed + 2);
+    if (type == 0 && seed % 2) options.trns = sample(0);
+    if (type == 2 && seed % 2) options.trns = Join({sample(2), sample(1), sample(0)});
+    return options;
+}
+
+struct Format {
+    int colourType, depth;
+};
+
+class EveryFormat : public testing::TestWithParam<Format> {};
+
+// Every Adam7 pass geometry of the small sizes matches libpng and the same image stored
+// without interlacing. Long rows, read from streams in IDAT chunks below and above the read
+// buffer, run each filter through the bulk loops and their ends, and 16-bit RGBA rows whose
+// raw bytes overlap the next output row.
+TEST_P(EveryFormat, MatchesTheReferenceAndItsInterlacedTwin) {
+    const Format f = GetParam();
+    for (uint32_t size = 0; size < 81 + 4; ++size) {
+        const bool wide = size >= 81;
+        const uint32_t width = wide ? 1021 : 1 + size / 9, height = wide ? 24 : 1 + size % 9;
+        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+        const RawImage image = RandomImage(width, height, f.depth, f.colourType, size);
+        PngOptions options = OptionsFor(image, size);
+        if (wide) options.filterOf = [size](int) { return int(size - 80); };
+        if (wide) options.idatSize = 4000 * (size - 80) - 1000;
+        const Bytes png = EncodePng(image, options);
+        const Decoded plain = Decode(png, !wide      ? Source::Memory
+                                          : size % 2 ? Source::FileStream
+                                                     : Source::PageArrayStream);
+        EXPECT_TRUE(plain.rgba == ReferenceDecode(png).rgba) << plain.printed;
+        options.interlaced = true;
+        if (!wide) {
+            EXPECT_TRUE(Decode(EncodePng(image, options)).rgba == plain.rgba);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, EveryFormat,
+                         testing::Values(Format{0, 1}, Format{0, 2}, Format{0, 4}, Format{0, 8},
+                                         Format{0, 16}, Format{2, 8}, Format{2, 16}, Format{3, 1},
+                                         Format{3, 2}, Format{3, 4}, Format{3, 8}, Format{4, 8},
+                                         Format{4, 16}, Format{6, 8}, Format{6, 16}),
+                         [](const auto& info) {
+                             return "type" + std::to_string(info.param.colourType) + "depth" +
+                                    std::to_string(info.param.depth);
+                         });
+
+// A one-row image from its scanline (filter byte first).
+Bytes OneRow(uint32_t width, int depth, int type, const Bytes& scanline, const Bytes& trns = {}) {
+    PngWriter png;
+    png.Ihdr(width, 1, depth, type);
+    if (type == 3) png.Chunk("PLTE", {10, 11, 12, 20, 21, 22, 30, 31, 32, 40, 41, 42});
+    if (!trns.empty()) png.Chunk("tRNS", trns);
+    return png.Idat(Zlib(scanline)).Iend().bytes();
+}
+
+TEST(Expansion, FollowsTheExpansionRules) {
+    struct Case {
+        Bytes png;
+        unsigned long defaultAlpha;
+        Bytes rgba;
+    } cases[] = {
+        // tRNS keys compare every bit of the sample; keys out of range match nothing.
+        {OneRow(2, 1, 0, {0, 0x80}, Be16(1)), 255, {255, 255, 255, 0, 0, 0, 0, 255}},
+        {OneRow(2, 1, 0, {0, 0x80}, Be16(2)), 255, {255, 255, 255, 255, 0, 0, 0, 255}},
+        {OneRow(2, 16, 0, {0, 1, 0, 1, 1}, Be16(256)), 255, {1, 1, 1, 0, 1, 1, 1, 255}},
+        {OneRow(1, 8, 2, {0, 1, 2, 3}, Join({Be16(1), Be16(2), Be16(259)})), 255, {1, 2, 3, 255}},
+        {OneRow(1, 2, 0, {0, 0x80}), 255, {170, 170, 170, 255}},
+        // defaultAlpha: for palette indices without tRNS alpha only.
+        {OneRow(1, 8, 2, {0, 9, 8, 7}), 0, {9, 8, 7, 255}},
+        {OneRow(4, 2, 3, {0, 0x1B}, {100, 101}),
+         200,
+         {10, 11, 12, 100, 20, 21, 22, 101, 30, 31, 32, 200, 40, 41, 42, 200}},
+        {OneRow(2, 2, 3, {0, 0x30}), 0, {10, 11, 12, 0, 40, 41, 42, 0}},
+        {OneRow(2, 4, 3, {0, 0x71}, {5, 6, 7, 8}), 99, {0, 0, 0, 99, 20, 21, 22, 6}},
+        // Unknown filter types count as none.
+        {OneRow(2, 8, 2, {7, 1, 2, 3, 4, 5, 6}), 255, {1, 2, 3, 255, 4, 5, 6, 255}},
+    };
+    for (const Case& c : cases) {
+        for (Source source : {Source::Memory, Source::PageArrayStream}) {
+            SCOPED_TRACE(std::to_string(&c - cases) + " " + SourceName(source));
+            const Decoded decoded = Decode(c.png, source, c.defaultAlpha);
+            EXPECT_EQ(decoded.printed, "");
+            EXPECT_EQ(decoded.rgba, c.rgba);
+        }
+    }
+}
+
+TEST(ImageData, SplitAtEveryByteWithEmptyChunksDecodesTheSame) {
+    const RawImage image = RandomImage(13, 7, 8, 2, 77);
+    const Bytes data = Zlib(Scanlines(image, false, [](int i) { return i % 5; }));
+    const Bytes expected = ReferenceDecode(EncodePng(image)).rgba;
+    for (size_t at = 1; at < data.size(); ++at) {
+        PngWriter png;
+        png.Ihdr(13, 7, 8, 2).Idat({}).Idat(Slice(data, 0, at)).Idat({}).Idat({});
+        png.Idat(Slice(data, at, data.size())).Iend();
+        EXPECT_TRUE(Decode(png.bytes()).rgba == expected) << at;
+        EXPECT_TRUE(Decode(png.bytes(), Source::PageArrayStream).rgba == expected) << at;
+    }
+}
+
+unsigned long largestRequest = 0;
+
+// Notes the largest request and refuses those above 1 MiB.
+void* SmallNew(unsigned long n) {
+    largestRequest = std::max(largestRequest, n);
+    return n > (1ul << 20) ? nullptr : MMAllocate(n);
+}
+
+// Sizes whose 32-bit arithmetic wraps fail like a failed allocation, without a large request;
+// the widest and tallest headers pass, the widest asking for its full size.
+TEST(OutputSize, WrappingSizesFailLikeAFailedAllocation) {
+    const struct {
+        uint32_t width, height;
+        int depth, colourType, interlace, position;
+        unsigned long request;  // 0: none above 1 MiB
+    } cases[] = {
+        {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 0, 100, 0},
+        {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 1, 109, 0},
+        {0x10000, 0x10000, 1, 0, 0, 100, 0},
+        {1, 0x7FFFFFFF, 16, 6, 1, 109, 0},
+        {0x1FFFFFC3, 2, 16, 6, 0, 100, 0},  // room for the last row's raw bytes wraps
+        {536870851, 1, 1, 0, 0, 100, 536870851ul * 4},
+    };
+    kau::mem::SetExternalNewAndDelete(SmallNew, MMFree);
+    for (const auto& c : cases) {
+        PngWriter png;
+        png.Ihdr(c.width, c.height, c.depth, c.colourType, c.interlace).Idat(Zlib(Bytes(64)));
+        largestRequest = 0;
+        EXPECT_EQ(Decode(png.Iend().bytes()).printed,
+                  Report(kKpng, c.position) + Report(kCpng, 27));
+        EXPECT_EQ(largestRequest > (1ul << 20) ? largestRequest : 0, c.request) << c.width;
+    }
+    kau::mem::SetExternalNewAndDelete(MMAllocate, MMFree);
+}
+
+}  // namespace
+}  // namespace pngtest
