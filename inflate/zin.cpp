@@ -7,6 +7,10 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define ZIN_CRC_CLMUL 1
+#endif
 
 namespace {
 
@@ -79,6 +83,62 @@ uint32_t CrcScalar(uint32_t c, const unsigned char* p, uint32_t n) {
         c = kCrc.t[0][(c ^ *p++) & 0xff] ^ (c >> 8);
     return c;
 }
+
+#if defined(ZIN_CRC_CLMUL)
+// Carry-less multiplication folding for x86-64 processors that have PCLMULQDQ. In the
+// bit-reflected domain, a 128-bit lane times x^(n+64) and x^n mod P (the two halves of a
+// constant pair) equals the lane moved n bits further on, so the input folds 64 bytes at a time
+// over four lanes, then the lanes fold into one, that one into 64 bits, and a Barrett reduction
+// leaves the 32-bit register.
+#define ZIN_CLMUL_TARGET __attribute__((target("pclmul,sse2")))
+
+ZIN_CLMUL_TARGET inline __m128i Fold(__m128i lane, __m128i constants, __m128i next) {
+    const __m128i low = _mm_clmulepi64_si128(lane, constants, 0x00);
+    const __m128i high = _mm_clmulepi64_si128(lane, constants, 0x11);
+    return _mm_xor_si128(_mm_xor_si128(low, high), next);
+}
+
+ZIN_CLMUL_TARGET inline __m128i Load128(const unsigned char* p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+// Updates a raw CRC register over `n` bytes, `n` a multiple of 16 and at least 64.
+ZIN_CLMUL_TARGET uint32_t CrcClmul(uint32_t c, const unsigned char* p, uint32_t n) {
+    // The constant pairs that move a lane 64 and 16 bytes on, the one that folds 64 bits into
+    // 32, and for the reduction the quotient x^64 / P with P itself (33 bits each).
+    const __m128i by64 = _mm_set_epi64x(0x1c6e41596, 0x154442bd4);
+    const __m128i by16 = _mm_set_epi64x(0x0ccaa009e, 0x1751997d0);
+    const __m128i by4 = _mm_set_epi64x(0, 0x163cd6124);
+    const __m128i barrett = _mm_set_epi64x(0x1f7011641, 0x1db710641);
+    const __m128i low32 = _mm_set_epi32(0, 0, 0, -1);
+    __m128i x0 = _mm_xor_si128(Load128(p), _mm_cvtsi32_si128(static_cast<int>(c)));
+    __m128i x1 = Load128(p + 16), x2 = Load128(p + 32), x3 = Load128(p + 48);
+    for (p += 64, n -= 64; n >= 64; p += 64, n -= 64) {
+        x0 = Fold(x0, by64, Load128(p));
+        x1 = Fold(x1, by64, Load128(p + 16));
+        x2 = Fold(x2, by64, Load128(p + 32));
+        x3 = Fold(x3, by64, Load128(p + 48));
+    }
+    __m128i x = Fold(Fold(Fold(x0, by16, x1), by16, x2), by16, x3);
+    for (; n >= 16; p += 16, n -= 16)
+        x = Fold(x, by16, Load128(p));
+    // 128 bits to 64, 64 to 32, then the Barrett reduction.
+    x = _mm_xor_si128(_mm_clmulepi64_si128(x, by16, 0x10), _mm_srli_si128(x, 8));
+    x = _mm_xor_si128(_mm_clmulepi64_si128(_mm_and_si128(x, low32), by4, 0x00),
+                      _mm_srli_si128(x, 4));
+    __m128i t = _mm_clmulepi64_si128(_mm_and_si128(x, low32), barrett, 0x10);
+    t = _mm_clmulepi64_si128(_mm_and_si128(t, low32), barrett, 0x00);
+    return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(_mm_xor_si128(x, t), 4)));
+}
+
+bool HasClmul() {
+    static const bool has = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("pclmul") != 0;
+    }();
+    return has;
+}
+#endif
 
 // ---------------------------------------------------------------------------------------------
 // Adler-32: the modulo is deferred over runs of at most 5552 bytes, the longest run whose sums
@@ -161,8 +221,17 @@ namespace zio {
 unsigned long crc32(unsigned long crc, unsigned char const* data, unsigned long length) {
     if (!data) return crc;
     uint32_t c = ~static_cast<uint32_t>(crc);
-    c = CrcScalar(c, data, static_cast<uint32_t>(length));
-    return ~c;
+    uint32_t n = static_cast<uint32_t>(length);
+#if defined(ZIN_CRC_CLMUL)
+    // Short runs stay with the tables, which also take the tail of a long one.
+    if (n >= 64 && HasClmul()) {
+        const uint32_t bulk = n & ~uint32_t{15};
+        c = CrcClmul(c, data, bulk);
+        data += bulk;
+        n -= bulk;
+    }
+#endif
+    return ~CrcScalar(c, data, n);
 }
 
 }  // namespace zio
@@ -230,6 +299,11 @@ constexpr uint8_t kCodeLengthOrder[19] = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
                                           11, 4,  12, 3, 13, 2, 14, 1, 15};
 
 constexpr uint32_t kMaxCodeBits = 15;
+// What one pass of the fast loop may need: three refills of up to 7 bytes read 8 at a time, and
+// up to six literals (five from the root table, one from a subtable).
+constexpr uint32_t kFastInput = 22;
+constexpr uint32_t kFastOutput = 6;
+constexpr uint32_t kFastLiterals = 5;
 constexpr uint32_t kLengthRoot = 9;
 constexpr uint32_t kDistanceRoot = 6;
 constexpr uint32_t kCodeLengthRoot = 7;
@@ -550,10 +624,13 @@ void Stream::InflateFast(unsigned long start) {
     const uint64_t lmask = LowMask(lengthBits);
     const uint64_t dmask = LowMask(distanceBits);
 
-    // One refill leaves at least 56 bits, enough for a length, its distance and their extra
-    // bits (48 at most). Bytes are loaded 8 at a time; up to 7 bytes are taken per refill and
-    // at most two refills happen per pass, hence the 15 bytes of input demanded per pass. A
-    // pass writes at most 3 literals or one match that it checks against the room left.
+    // One refill leaves at least 56 bits: enough for five literals found in the root table (9
+    // bits at most each) with a whole root entry after them, or for a length, its distance and
+    // their extra bits (48 at most) once a second refill has topped the buffer up. The next root
+    // entry is looked up before the refill that precedes its use, so that the two overlap; a
+    // third refill after a match keeps at least 9 bits for that lookup. Bytes are loaded 8 at a
+    // time and up to 7 bytes are taken per refill, hence the 22 bytes of input demanded per
+    // pass. A pass writes at most 6 literals or one match that it checks against the room left.
     auto refill = [&]() {
         hold |= Load64(in) << bits;
         in += (63 - bits) >> 3;
@@ -567,35 +644,30 @@ void Stream::InflateFast(unsigned long start) {
     auto extraValue = [&](uint32_t e) {
         return Value(e) + static_cast<uint32_t>((hold >> CodeBits(e)) & LowMask(ExtraBits(e)));
     };
-    const bool enough = availIn >= 15 && availOut >= 3;
-    const unsigned char* const inLast = enough ? inEnd - 15 : in;
-    unsigned char* const outLast = enough ? outEnd - 3 : out;
+    const bool enough = availIn >= kFastInput && availOut >= kFastOutput;
+    const unsigned char* const inLast = enough ? inEnd - kFastInput : in;
+    unsigned char* const outLast = enough ? outEnd - kFastOutput : out;
 
-    while (enough && in <= inLast && out <= outLast) {
+    const bool fast = enough && in <= inLast && out <= outLast;
+    if (fast) refill();
+    uint32_t e = fast ? lcodes[hold & lmask] : 0;
+    while (fast && in <= inLast && out <= outLast) {
         refill();
-        uint32_t e = lcodes[hold & lmask];
-        if (isLiteral(e)) {
-            // Up to three literals per refill: 45 bits at most.
+        uint32_t literals = 0;
+        for (; literals < kFastLiterals && isLiteral(e); ++literals) {
             consume(CodeBits(e));
             *out++ = static_cast<unsigned char>(Value(e));
             e = lcodes[hold & lmask];
-            if (isLiteral(e)) {
-                consume(CodeBits(e));
-                *out++ = static_cast<unsigned char>(Value(e));
-                e = lcodes[hold & lmask];
-                if (isLiteral(e)) {
-                    consume(CodeBits(e));
-                    *out++ = static_cast<unsigned char>(Value(e));
-                    continue;
-                }
-            }
         }
+        if (literals == kFastLiterals) continue;
+        if (bits < 48) refill();
         if (e & kSubtable) {
             // Codes longer than the root: literals among them are written right away.
             e = lcodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
             if (isLiteral(e)) {
                 consume(CodeBits(e));
                 *out++ = static_cast<unsigned char>(Value(e));
+                e = lcodes[hold & lmask];
                 continue;
             }
         }
@@ -608,7 +680,6 @@ void Stream::InflateFast(unsigned long start) {
             }
             break;
         }
-        if (bits < 48) refill();
         const uint64_t symbolHold = hold;
         const uint32_t symbolBits = bits;
         const uint32_t len = extraValue(e);
@@ -634,29 +705,24 @@ void Stream::InflateFast(unsigned long start) {
         }
         const bool wide = len + 16 <= room;
         const uint32_t written = static_cast<uint32_t>(out - outBegin);
-        if (dist <= written) {
-            if (wide) {
-                CopyMatchWide(out, dist, len);
-            } else {
-                CopyMatchExact(out, dist, len);
+        // The part of the match before this call's output comes from the window, which is
+        // contiguous for a whole match thanks to its mirrored start.
+        uint32_t fromWindow = 0;
+        if (dist > written) {
+            const uint32_t back = dist - written;
+            if (back > windowFill) {
+                mode = kModeError;
+                break;
             }
-            out += len;
-            continue;
-        }
-        const uint32_t back = dist - written;
-        if (back > windowFill) {
-            mode = kModeError;
-            break;
-        }
-        // The window is contiguous for a whole match thanks to its mirrored start.
-        const uint32_t wpos = windowPos;
-        const unsigned char* src =
-            window + (back <= wpos ? wpos - back : wpos + kWindowSize - back);
-        const uint32_t fromWindow = back < len ? back : len;
-        if (wide) {
-            CopyChunks(out, src, fromWindow);
-        } else {
-            std::memcpy(out, src, fromWindow);
+            const uint32_t wpos = windowPos;
+            const unsigned char* src =
+                window + (back <= wpos ? wpos - back : wpos + kWindowSize - back);
+            fromWindow = back < len ? back : len;
+            if (wide) {
+                CopyChunks(out, src, fromWindow);
+            } else {
+                std::memcpy(out, src, fromWindow);
+            }
         }
         if (fromWindow < len) {
             if (wide) {
@@ -666,6 +732,8 @@ void Stream::InflateFast(unsigned long start) {
             }
         }
         out += len;
+        if (bits < kLengthRoot) refill();
+        e = lcodes[hold & lmask];
     }
 
     // Hand whole unused bytes back to the input, as far as they were read here.
@@ -908,7 +976,9 @@ int Stream::Inflate(zio::FlushMode flush) {
                 break;
             }
             case kModeLength: {
-                if (r.have >= 6 && room >= kMaxMatch) {
+                // The fast loop also serves the end of a short row: it leaves a match that does
+                // not fit to the states below, which copy it in parts.
+                if (r.have >= kFastInput && room >= kFastOutput) {
                     nextIn = r.next;
                     availIn = r.have;
                     bitBuffer = r.hold;

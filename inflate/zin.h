@@ -78,9 +78,9 @@ struct Stream {
     // consumed or produced, or FlushFinish and no end), kDataError (then kBadCall on every call
     // until Reset), kBadCall (null output, null input with input available).
     int Inflate(zio::FlushMode flush);
-    // The decoding loop for the bulk of a block, run from Inflate when at least 6 input bytes
-    // and kMaxMatch bytes of output space are available. `start` is the output space the
-    // current Inflate call began with.
+    // The decoding loop for the bulk of a block, run from Inflate when at least 22 input bytes
+    // and 6 bytes of output space are available; it stops before a match that does not fit.
+    // `start` is the output space the current Inflate call began with.
     void InflateFast(unsigned long start);
     // Installs the constant tables of the fixed Huffman codes.
     void UseFixedTables();
