@@ -14,15 +14,55 @@ packages=(
   valgrind
 )
 
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-[ ${#missing[@]} -eq 0 ] && exit 0
+# The ARM unit tests link the armhf builds of their oracles and of GoogleTest. They are
+# unpacked into a private sysroot rather than installed through multiarch: an armhf package
+# must then match the host's version exactly, which breaks whenever the two archives are
+# not in step, and a foreign architecture makes every later `apt-get update` depend on the
+# armhf indexes. Only the static archives are kept, so the test binaries need no armhf
+# shared library at run time.
+armhf_sysroot=/opt/kalpng-armhf
+armhf_packages=(zlib1g-dev libpng-dev libgtest-dev libgmock-dev)
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
-echo "installing: ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+install_host_packages() {
+  local missing=() p
+  for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+install_armhf_sysroot() {
+  local stamp="$armhf_sysroot/packages"
+  [ "$(cat "$stamp" 2>/dev/null)" = "${armhf_packages[*]}" ] && return 0
+  echo "unpacking armhf: ${armhf_packages[*]} into $armhf_sysroot"
+  local work
+  work=$(mktemp -d)
+  mkdir -p "$work/lists/partial" "$work/cache/archives/partial" "$work/debs"
+  touch "$work/status"
+  local apt=(apt-get -qq -o Dir::State::Lists="$work/lists" -o Dir::Cache="$work/cache"
+    -o Dir::State::status="$work/status" -o APT::Architecture=armhf
+    -o APT::Architectures::=armhf -o APT::Sandbox::User=root)
+  # An index that fails to download (a mirror being synced) is not fatal: the packages
+  # come from whichever suites answered, and the download below fails if none did.
+  $sudo "${apt[@]}" update || true
+  (cd "$work/debs" && $sudo "${apt[@]}" download "${armhf_packages[@]/%/:armhf}")
+  $sudo rm -rf "$armhf_sysroot"
+  local deb
+  for deb in "$work"/debs/*.deb; do
+    $sudo dpkg-deb -x "$deb" "$armhf_sysroot"
+  done
+  $sudo find "$armhf_sysroot" -name '*.so*' -delete
+  $sudo rm -rf "$armhf_sysroot/usr/share" "$armhf_sysroot/usr/src" "$armhf_sysroot/usr/bin"
+  echo "${armhf_packages[*]}" | $sudo tee "$stamp" >/dev/null
+  $sudo rm -rf "$work"
+}
+
+install_host_packages
+install_armhf_sysroot

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Cross-builds the libraries, the tools and the unit tests for the 32-bit ARM target in
+# build-arm/ and runs the tests under qemu-arm with CTest. The plug-in is not built there.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+cmake -S . -B build-arm -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake \
+  -DCMAKE_BUILD_TYPE=Release -DKALPNG_PLUGIN=OFF -DKALPNG_BENCH=OFF >/dev/null
+cmake --build build-arm -j "$(nproc)"
+ctest --test-dir build-arm --output-on-failure -j "$(nproc)"
