@@ -62,9 +62,9 @@ TEST(PageArray, MatchesAFlatArrayForRandomPushesAndReads) {
         }
         ASSERT_EQ(pages.Size(), flat.size());
         for (int read = 0; read < 200; ++read) {
-            unsigned long offset = rng() % (flat.size() + 2), n = rng() % 300;
+            size_t offset = rng() % (flat.size() + 2), n = rng() % 300;
             std::vector<unsigned char> out(n + 1, 0);
-            unsigned long expected = offset >= flat.size() ? 0 : std::min(n, flat.size() - offset);
+            size_t expected = offset >= flat.size() ? 0 : std::min(n, flat.size() - offset);
             ASSERT_EQ(pages.GetBytes(out.data(), n, offset), expected);
             EXPECT_EQ(memcmp(out.data(), flat.data() + std::min(offset, flat.size()), expected), 0);
         }
