@@ -39,7 +39,7 @@ class Error {
   private:
     const char* file_;
     int32_t position_;
-    int32_t code_;
+    [[maybe_unused]] int32_t code_;  // carried for debugging only
 };
 
 // The catch-site report of the exception being handled, followed by fflush(NULL).

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <string>
 #include <vector>
 
 namespace {
