@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -185,6 +187,79 @@ TEST(ElementCaps, SetOnceForEqualFramesAgainOnSizeChange) {
         EXPECT_EQ(h.TakeEvents(), f.events) << (&f - frames);
         EXPECT_THAT(h.Take().data, ElementsAre(Pixels(f.width, f.height, 9)));
     }
+}
+
+// A pool that the harness's sink offers in answer to the element's allocation query.
+struct Offer {
+    GstBufferPool* pool = gst_buffer_pool_new();
+    guint max;  // buffers; 0: no limit
+
+    Offer(GstHarness* h, guint max) : max(max) {
+        gst_pad_add_probe(h->sinkpad, GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, Answer, this, nullptr);
+    }
+    ~Offer() {
+        gst_buffer_pool_set_active(pool, FALSE);
+        gst_object_unref(pool);
+    }
+    static GstPadProbeReturn Answer(GstPad*, GstPadProbeInfo* info, gpointer self) {
+        GstQuery* query = GST_PAD_PROBE_INFO_QUERY(info);
+        if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) return GST_PAD_PROBE_OK;
+        const Offer* offer = static_cast<Offer*>(self);
+        gst_query_add_allocation_pool(query, offer->pool, 0, 0, offer->max);
+        return GST_PAD_PROBE_HANDLED;
+    }
+};
+
+// Frames come from the pool downstream offers when it takes their caps and size, otherwise
+// from the element's own; a frame of the same size reuses the memory of one already returned.
+TEST(ElementAllocation, FramesComeFromTheAgreedPoolAndReuseItsMemory) {
+    enum Offered { kNothing, kIdlePool, kActivePool };  // an active pool refuses a new config
+    for (Offered offer : {kNothing, kIdlePool, kActivePool}) {
+        Harness h(kPacketized);
+        std::optional<Offer> offered;
+        if (offer != kNothing) offered.emplace(h.h, 0);
+        if (offer == kActivePool) {
+            GstStructure* config = gst_buffer_pool_get_config(offered->pool);
+            gst_buffer_pool_config_set_params(config, nullptr, 16, 0, 0);
+            ASSERT_TRUE(gst_buffer_pool_set_config(offered->pool, config));
+            ASSERT_TRUE(gst_buffer_pool_set_active(offered->pool, TRUE));
+        }
+        GstMemory* previous = nullptr;
+        for (const auto& [size, seed] : {std::pair{6u, 1u}, {6u, 2u}, {3u, 3u}}) {
+            ASSERT_EQ(h.Push(Png(size, size, seed)), GST_FLOW_OK);
+            GstBuffer* buffer = gst_harness_pull(h.h);
+            Frames frame;
+            frame.Add(buffer);
+            EXPECT_THAT(frame.data, ElementsAre(Pixels(size, size, seed)));
+            ASSERT_NE(buffer->pool, nullptr);
+            EXPECT_EQ(offered && buffer->pool == offered->pool, offer == kIdlePool) << offer;
+            if (seed == 2) {
+                EXPECT_EQ(gst_buffer_peek_memory(buffer, 0), previous) << offer;
+            }
+            previous = gst_buffer_peek_memory(buffer, 0);
+            gst_buffer_unref(buffer);
+        }
+    }
+}
+
+// With downstream's only buffer still held, the next frame waits for it until a flush.
+TEST(ElementAllocation, FlushReleasesAFrameWaitingForABoundedPool) {
+    Harness h(kPacketized);
+    Offer offer(h.h, 1);
+    ASSERT_EQ(h.Push(Png(4, 4, 1)), GST_FLOW_OK);
+    GstBuffer* held = gst_harness_pull(h.h);
+    GstFlowReturn flow = GST_FLOW_OK;
+    std::thread waiting([&] { flow = h.Push(Png(4, 4, 2)); });
+    g_usleep(100 * 1000);  // time for the frame to reach the pool, so the flush finds it waiting
+    EXPECT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_start()));
+    waiting.join();
+    // The frame fails as any allocation refusal does, unless the flush stopped it even earlier.
+    EXPECT_THAT(flow, ::testing::AnyOf(GST_FLOW_ERROR, GST_FLOW_FLUSHING));
+    gst_buffer_unref(held);
+    EXPECT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_stop(TRUE)));
+    h.PushSegment(GST_FORMAT_TIME, 0, kNone);
+    ASSERT_EQ(h.Push(Png(4, 4, 3)), GST_FLOW_OK);
+    EXPECT_THAT(h.Take().data, ElementsAre(Pixels(4, 4, 3)));
 }
 
 TEST(ElementTiming, FramesAreStamped) {

@@ -48,6 +48,8 @@ static GstFlowReturn gst_kalpng_dec_chain(GstPad* pad, GstObject* parent, GstBuf
 static GstStateChangeReturn gst_kalpng_dec_change_state(GstElement* element,
                                                         GstStateChange transition);
 static void gst_kalpng_dec_finalize(GObject* object);
+static void gst_kalpng_dec_replace_pool(GstKalPngDec* dec, GstBufferPool* pool);
+static void gst_kalpng_dec_set_pool_flushing(GstKalPngDec* dec, gboolean flushing);
 
 // ---------------------------------------------------------------------------------------------
 // Type, class and instance set-up
@@ -92,6 +94,7 @@ static void gst_kalpng_dec_finalize(GObject* object) {
     GstKalPngDec* dec = GST_KALPNG_DEC(object);
 
     gst_event_replace(&dec->held_segment, nullptr);
+    gst_kalpng_dec_replace_pool(dec, nullptr);
     gst_segment_free(dec->segment);
 
     G_OBJECT_CLASS(parent_class)->finalize(object);
@@ -178,8 +181,16 @@ static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEve
                 return TRUE;
             }
             break;
-        case GST_EVENT_EOS:
+        case GST_EVENT_FLUSH_START:
+            // A frame waiting for a buffer of a bounded downstream pool must not hold up the
+            // flush.
+            gst_kalpng_dec_set_pool_flushing(dec, TRUE);
+            break;
         case GST_EVENT_FLUSH_STOP:
+            gst_kalpng_dec_set_pool_flushing(dec, FALSE);
+            gst_kalpng_dec_push_held_segment(dec);
+            break;
+        case GST_EVENT_EOS:
             // A stream that ends or restarts before its first frame still hands on its segment.
             gst_kalpng_dec_push_held_segment(dec);
             break;
@@ -214,6 +225,7 @@ static GstStateChangeReturn gst_kalpng_dec_change_state(GstElement* element,
     // Only once the pads are deactivated can no chain call be using the input any more.
     if (result == GST_STATE_CHANGE_SUCCESS && transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
         dec->input.Destruct();
+        gst_kalpng_dec_replace_pool(dec, nullptr);
     }
     return result;
 }
@@ -253,34 +265,105 @@ static void gst_kalpng_dec_decode(GstKalPngDec* dec, DecodedFrame& frame) {
     dec->input.ResetStreamWithDataAfterIEND();
 }
 
-static void gst_kalpng_dec_update_caps(GstKalPngDec* dec, const STImageSimple& image) {
-    const gint width = gint(image.width);
-    const gint height = gint(image.height);
-    if (width == dec->last_width && height == dec->last_height && dec->fps_n == dec->last_fps_n &&
-        dec->fps_d == dec->last_fps_d) {
-        return;
-    }
-    if (dec->fps_d == 0) {
-        dec->fps_n = 0;
-        dec->fps_d = 1;
-    }
-    GstCaps* caps = gst_caps_new_simple(
-        "video/x-raw", "format", G_TYPE_STRING, "RGBA", "width", G_TYPE_INT, width, "height",
-        G_TYPE_INT, height, "framerate", GST_TYPE_FRACTION, dec->fps_n, dec->fps_d, nullptr);
-    gst_pad_set_caps(dec->srcpad, caps);
-    gst_caps_unref(caps);
-    dec->last_width = width;
-    dec->last_height = height;
-    dec->last_fps_n = dec->fps_n;
-    dec->last_fps_d = dec->fps_d;
-
-    gst_kalpng_dec_push_held_segment(dec);
+static GstCaps* gst_kalpng_dec_output_caps(const GstKalPngDec* dec) {
+    return gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "RGBA", "width", G_TYPE_INT,
+                               dec->last_width, "height", G_TYPE_INT, dec->last_height, "framerate",
+                               GST_TYPE_FRACTION, dec->last_fps_n, dec->last_fps_d, nullptr);
 }
 
-static BufferHolder gst_kalpng_dec_allocate(const STImageSimple& image) {
-    GstBuffer* out = gst_buffer_new_allocate(nullptr, image.dataSize, nullptr);
-    if (!out) kau::Error::Throw(kElementFile, kErrOutputBuffer);
-    return BufferHolder(out);
+static bool gst_kalpng_dec_start_pool(GstBufferPool* pool, GstCaps* caps, guint size, guint min,
+                                      guint max) {
+    GstStructure* config = gst_buffer_pool_get_config(pool);
+    gst_buffer_pool_config_set_params(config, caps, size, min, max);
+    return gst_buffer_pool_set_config(pool, config) && gst_buffer_pool_set_active(pool, TRUE);
+}
+
+// Only the streaming thread and state changes replace the pool; the object lock keeps it alive
+// for a flush event arriving from another thread.
+static void gst_kalpng_dec_replace_pool(GstKalPngDec* dec, GstBufferPool* pool) {
+    GST_OBJECT_LOCK(dec);
+    GstBufferPool* old = dec->pool;
+    dec->pool = pool;
+    GST_OBJECT_UNLOCK(dec);
+    if (!old) return;
+    // Buffers still downstream are freed as they come back to the inactive pool.
+    gst_buffer_pool_set_active(old, FALSE);
+    gst_object_unref(old);
+}
+
+static void gst_kalpng_dec_set_pool_flushing(GstKalPngDec* dec, gboolean flushing) {
+    GST_OBJECT_LOCK(dec);
+    GstBufferPool* pool = dec->pool ? GST_BUFFER_POOL(gst_object_ref(dec->pool)) : nullptr;
+    GST_OBJECT_UNLOCK(dec);
+    if (!pool) return;
+    gst_buffer_pool_set_flushing(pool, flushing);
+    gst_object_unref(pool);
+}
+
+// Output buffers come from a pool so that frames of one size reuse memory instead of faulting
+// in fresh pages for every frame. Downstream may offer its own pool and its limits through the
+// allocation query; an offered pool that refuses these caps or this size gives way to a plain
+// pool of the element's own.
+static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
+    gst_kalpng_dec_replace_pool(dec, nullptr);
+    GstCaps* caps = gst_kalpng_dec_output_caps(dec);
+    GstQuery* query = gst_query_new_allocation(caps, TRUE);
+    GstBufferPool* pool = nullptr;
+    guint min = 0, max = 0;
+    if (gst_pad_peer_query(dec->srcpad, query) && gst_query_get_n_allocation_pools(query) > 0) {
+        guint proposed_size;
+        gst_query_parse_nth_allocation_pool(query, 0, &pool, &proposed_size, &min, &max);
+    }
+    gst_query_unref(query);
+    if (pool && !gst_kalpng_dec_start_pool(pool, caps, size, min, max)) {
+        GST_INFO_OBJECT(dec, "downstream pool refused %u-byte frames, using our own", size);
+        gst_object_unref(pool);
+        pool = nullptr;
+    }
+    if (!pool) {
+        pool = gst_buffer_pool_new();
+        if (!gst_kalpng_dec_start_pool(pool, caps, size, min, max)) gst_clear_object(&pool);
+    }
+    gst_caps_unref(caps);
+    if (!pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    gst_kalpng_dec_replace_pool(dec, pool);
+}
+
+// Sets new source caps when the frame's size or the frame rate changed, and agrees on a new
+// pool then or when downstream asks for renegotiation.
+static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const STImageSimple& image) {
+    const gint width = gint(image.width);
+    const gint height = gint(image.height);
+    const bool reconfigure = gst_pad_check_reconfigure(dec->srcpad);
+    const bool changed = width != dec->last_width || height != dec->last_height ||
+                         dec->fps_n != dec->last_fps_n || dec->fps_d != dec->last_fps_d;
+    if (changed) {
+        if (dec->fps_d == 0) {
+            dec->fps_n = 0;
+            dec->fps_d = 1;
+        }
+        dec->last_width = width;
+        dec->last_height = height;
+        dec->last_fps_n = dec->fps_n;
+        dec->last_fps_d = dec->fps_d;
+        GstCaps* caps = gst_kalpng_dec_output_caps(dec);
+        gst_pad_set_caps(dec->srcpad, caps);
+        gst_caps_unref(caps);
+        gst_kalpng_dec_push_held_segment(dec);
+    }
+    if (changed || reconfigure || !dec->pool) gst_kalpng_dec_decide_pool(dec, image.dataSize);
+}
+
+static BufferHolder gst_kalpng_dec_allocate(GstKalPngDec* dec, const STImageSimple& image) {
+    GstBuffer* out = nullptr;
+    if (gst_buffer_pool_acquire_buffer(dec->pool, &out, nullptr) != GST_FLOW_OK || !out) {
+        kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    }
+    BufferHolder holder(out);
+    if (gst_buffer_get_size(out) < image.dataSize)
+        kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    gst_buffer_set_size(out, image.dataSize);
+    return holder;
 }
 
 // Output timing: the incoming timestamp when there is one, then in packetized mode each
@@ -353,8 +436,8 @@ static GstFlowReturn gst_kalpng_dec_chain(GstPad*, GstObject* parent, GstBuffer*
         while (dec->input.Push(bytes, count) == 0) {
             DecodedFrame frame;
             gst_kalpng_dec_decode(dec, frame);
-            gst_kalpng_dec_update_caps(dec, frame.image);
-            BufferHolder out = gst_kalpng_dec_allocate(frame.image);
+            gst_kalpng_dec_negotiate(dec, frame.image);
+            BufferHolder out = gst_kalpng_dec_allocate(dec, frame.image);
             gst_kalpng_dec_stamp(dec, out.get(), buf);
             if (dec->segment->format == GST_FORMAT_TIME && !gst_kalpng_dec_clip(dec, out.get())) {
                 break;

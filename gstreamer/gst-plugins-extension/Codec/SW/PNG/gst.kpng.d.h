@@ -33,6 +33,9 @@ struct GstKalPngDec {
 
     // A segment that arrived before the source pad had caps; it follows the first caps.
     GstEvent* held_segment;
+
+    // Output buffers of the current caps, agreed with downstream; null until the first frame.
+    GstBufferPool* pool;
 };
 
 struct GstKalPngDecClass {
