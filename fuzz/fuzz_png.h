@@ -93,4 +93,24 @@ inline bool SamePixels(const STImageSimple& a, const STImageSimple& b) {
            memcmp(a.data, b.data, size_t{a.stride} * a.height) == 0;
 }
 
+// The input of a target that takes one PNG: the options byte, then the PNG, whose CRCs are
+// repaired when the options ask for it before `test` runs on it.
+inline int TestOnePng(const uint8_t* data, size_t size,
+                      void (*test)(const PngOptions& options,
+                                   const std::vector<unsigned char>& png)) {
+    if (size < 1) return 0;
+    const PngOptions options = ReadOptions(data[0]);
+    std::vector<unsigned char> png(data + 1, data + size);
+    if (options.repairCrcs) RepairCrcs(png);
+    test(options, png);
+    return 0;
+}
+
 }  // namespace fuzz
+
+// Every PNG target caps allocations before its first input. Each target is a single source
+// file, so this is defined once per program.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    fuzz::LimitAllocations();
+    return 0;
+}

@@ -53,6 +53,7 @@ class Driver {
 
   private:
     void Construct() {
+        pngSizeKept_ = true;
         input_ = kpng::Input{};
         input_.Construct();
         fuzz::Check(input_.stream != nullptr, "Construct made no stream");
@@ -78,7 +79,19 @@ class Driver {
         return png;
     }
 
+    // After the reset: true when the walk of the carried bytes reached their end or a complete
+    // PNG. An error in that walk is reported and absorbed by the reset and leaves pngSize short
+    // of the bytes.
+    bool CarriedBytesWalked() {
+        unsigned long size = 0;
+        fuzz::Check(MMStreamSize(input_.stream, &size) != 0, "stream has no size");
+        const bool complete = input_.currentType && memcmp(input_.currentType, "IEND", 4) == 0 &&
+                              input_.crcCount == 4;
+        return complete || input_.pngSize == size;
+    }
+
     void DecodeCompletedPng() {
+        if (!pngSizeKept_) return DecodeUnchecked();
         std::vector<unsigned char> png = ReadCompletedPng();
         fuzz::Check(MMStreamReady(input_.stream) != 0, "stream did not rewind");
         STImageSimple image{};
@@ -94,26 +107,42 @@ class Driver {
         fuzz::Check(fuzz::SamePixels(image, fromMemory), "stream and memory pixels differ");
         kau::mem::Delete(image.data);
         kau::mem::Delete(fromMemory.data);
+        CarryOn();
+    }
+
+    // Once pngSize no longer marks the end of a PNG, the input goes on as the element drives
+    // it, with nothing to compare against: it only has to stay within its memory.
+    void DecodeUnchecked() {
+        fuzz::Check(MMStreamReady(input_.stream) != 0, "stream did not rewind");
+        STImageSimple image{};
+        if (!DecodePNG(input_.stream, defaultAlpha_, &image)) {
+            Restart();
+            return;
+        }
+        fuzz::CheckDecoded(image, true);
+        kau::mem::Delete(image.data);
+        CarryOn();
+    }
+
+    void CarryOn() {
         try {
             input_.ResetStreamWithDataAfterIEND();
         } catch (const kau::Error&) {
             Restart();
             return;
         }
+        pngSizeKept_ = pngSizeKept_ && CarriedBytesWalked();
         // The element pushes 0 bytes next, which always asks for more.
-        fuzz::Check(input_.Push(png.data(), 0) == 1, "Push of 0 bytes did not answer 1");
+        unsigned char none = 0;
+        fuzz::Check(input_.Push(&none, 0) == 1, "Push of 0 bytes did not answer 1");
     }
 
     kpng::Input input_;
     unsigned long defaultAlpha_;
+    bool pngSizeKept_ = true;
 };
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::LimitAllocations();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;

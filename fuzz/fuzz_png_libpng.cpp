@@ -132,21 +132,9 @@ bool DecodeWithLibpng(const std::vector<unsigned char>& file, unsigned long defa
     return true;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::LimitAllocations();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const fuzz::PngOptions options = fuzz::ReadOptions(data[0]);
-    std::vector<unsigned char> png(data + 1, data + size);
-    if (options.repairCrcs) fuzz::RepairCrcs(png);
-
+void CompareWithLibpng(const fuzz::PngOptions& options, const std::vector<unsigned char>& png) {
     STImageSimple decoded{};
-    if (!DecodePNG(png.data(), png.size(), options.defaultAlpha, &decoded)) return 0;
+    if (!DecodePNG(png.data(), png.size(), options.defaultAlpha, &decoded)) return;
     // libpng runs only on PNGs that the decoder accepted, whose size its allocation ceiling
     // has bounded.
     Image reference;
@@ -157,5 +145,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     "pixels differ from libpng's");
     }
     kau::mem::Delete(decoded.data);
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz::TestOnePng(data, size, CompareWithLibpng);
 }

@@ -2,17 +2,9 @@
 // without alphaDepth), then the PNG.
 #include "fuzz_png.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::LimitAllocations();
-    return 0;
-}
+namespace {
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const fuzz::PngOptions options = fuzz::ReadOptions(data[0]);
-    std::vector<unsigned char> png(data + 1, data + size);
-    if (options.repairCrcs) fuzz::RepairCrcs(png);
-
+void DecodeInMemory(const fuzz::PngOptions& options, const std::vector<unsigned char>& png) {
     const bool withAlphaDepth = (options.variant & 1) == 0;
     const STImageSimple untouched = fuzz::UntouchedRecord();
     STImageSimple image = untouched;
@@ -26,10 +18,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     "alpha depth out of range");
     if (!ok) {
         fuzz::Check(fuzz::SameRecord(image, untouched), "failed decode changed the record");
-        return 0;
+        return;
     }
     fuzz::Check(!withAlphaDepth || alphaDepth != kNotWritten, "alphaDepth not written");
     fuzz::CheckDecoded(image, !withAlphaDepth);
     kau::mem::Delete(image.data);
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz::TestOnePng(data, size, DecodeInMemory);
 }

@@ -22,19 +22,7 @@ MMStream* NewPageArrayStream(unsigned long pageSize) {
     return MMStreamNew(attributes, 2);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::LimitAllocations();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const fuzz::PngOptions options = fuzz::ReadOptions(data[0]);
-    std::vector<unsigned char> png(data + 1, data + size);
-    if (options.repairCrcs) fuzz::RepairCrcs(png);
-
+void DecodeFromStream(const fuzz::PngOptions& options, const std::vector<unsigned char>& png) {
     unsigned long pageSize = kPageSizes[options.variant & 7];
     if (pageSize && pageSize < kSmallestPageForLongInput && png.size() > kLongInput)
         pageSize = kSmallestPageForLongInput;
@@ -58,11 +46,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Check(ok == okMemory, "stream and memory decoding disagree on success");
     if (!ok) {
         fuzz::Check(fuzz::SameRecord(fromStream, untouched), "failed decode changed the record");
-        return 0;
+        return;
     }
     fuzz::CheckDecoded(fromStream, true);
     fuzz::Check(fuzz::SamePixels(fromStream, fromMemory), "stream and memory pixels differ");
     kau::mem::Delete(fromStream.data);
     kau::mem::Delete(fromMemory.data);
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz::TestOnePng(data, size, DecodeFromStream);
 }

@@ -85,13 +85,13 @@ RawImage RandomImage(uint32_t width, uint32_t height, int depth, int colourType,
 
 namespace {
 
-// The whole image, then the seven Adam7 passes (constant data: other files' static images use
-// it before dynamic initialisation would reach it).
+// The seven Adam7 passes (constant data: other files' static images use it before dynamic
+// initialisation would reach it).
 struct Pass {
     uint32_t x0, dx, y0, dy;
 };
-constexpr Pass kPasses[8] = {{0, 1, 0, 1}, {0, 8, 0, 8}, {4, 8, 0, 8}, {0, 4, 4, 8},
-                             {2, 4, 0, 4}, {0, 2, 2, 4}, {1, 2, 0, 2}, {0, 1, 1, 2}};
+constexpr Pass kAdam7[7] = {{0, 8, 0, 8}, {4, 8, 0, 8}, {0, 4, 4, 8}, {2, 4, 0, 4},
+                            {0, 2, 2, 4}, {1, 2, 0, 2}, {0, 1, 1, 2}};
 
 int Paeth(int a, int b, int c) {
     int p = a + b - c, pa = abs(p - a), pb = abs(p - b), pc = abs(p - c);
@@ -121,17 +121,21 @@ void FilterRows(const RawImage& image, int& scanline, const std::function<int(in
 Bytes Scanlines(const RawImage& image, bool interlaced, const std::function<int(int)>& filterOf) {
     Bytes out;
     int scanline = 0;
-    for (int p = interlaced ? 1 : 0; p < (interlaced ? 8 : 1); ++p) {
-        const Pass& pass = kPasses[p];
-        RawImage sub = image;
-        sub.width = image.width > pass.x0 ? (image.width - pass.x0 + pass.dx - 1) / pass.dx : 0;
-        sub.height = image.height > pass.y0 ? (image.height - pass.y0 + pass.dy - 1) / pass.dy : 0;
+    if (!interlaced) {
+        FilterRows(image, scanline, filterOf, out);
+        return out;
+    }
+    for (const Pass& pass : kAdam7) {
+        if (image.width <= pass.x0 || image.height <= pass.y0) continue;  // an empty pass
+        RawImage sub = {0, 0, image.depth, image.colourType, {}};
+        sub.width = (image.width - pass.x0 + pass.dx - 1) / pass.dx;
+        sub.height = (image.height - pass.y0 + pass.dy - 1) / pass.dy;
         sub.pixels.assign(sub.RowBytes(sub.width) * sub.height, 0);
         for (uint32_t y = 0; y < sub.height; ++y)
             for (uint32_t x = 0; x < sub.width; ++x)
                 sub.SetPixelBits(x, y,
                                  image.PixelBits(pass.x0 + x * pass.dx, pass.y0 + y * pass.dy));
-        if (sub.width) FilterRows(sub, scanline, filterOf, out);
+        FilterRows(sub, scanline, filterOf, out);
     }
     return out;
 }
@@ -141,7 +145,7 @@ Bytes EncodePng(const RawImage& image, const PngOptions& options) {
     png.Ihdr(image.width, image.height, image.depth, image.colourType, options.interlaced);
     if (!options.plte.empty()) png.Chunk("PLTE", options.plte);
     if (!options.trns.empty()) png.Chunk("tRNS", options.trns);
-    const Bytes data = Zlib(Scanlines(image, options.interlaced, options.filterOf));
+    const Bytes data = Zlib(Scanlines(image, options.interlaced, options.filterOf), options.level);
     for (size_t at = 0; at < data.size(); at += options.idatSize)
         png.Idat(Slice(data, at, std::min(data.size(), at + options.idatSize)));
     return png.Iend().bytes();
@@ -172,16 +176,13 @@ void ReadFromMemory(png_structp png, png_bytep out, png_size_t n) {
     reader->at += n;
 }
 
-void Silent(png_structp, png_const_charp) {}
-
-void JumpOut(png_structp png, png_const_charp) {
-    png_longjmp(png, 1);
-}
-
 // libpng's reading of the file into `ref`, false when libpng refuses it. libpng leaves this
 // frame with longjmp, so everything with a destructor lives in the caller's.
 bool ReadWithLibpng(const Bytes& file, Reference& ref, std::vector<png_bytep>& rows) {
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, JumpOut, Silent);
+    // Errors jump back to the setjmp below; warnings are dropped.
+    png_structp png = png_create_read_struct(
+        PNG_LIBPNG_VER_STRING, nullptr, [](png_structp p, png_const_charp) { png_longjmp(p, 1); },
+        [](png_structp, png_const_charp) {});
     png_infop info = png_create_info_struct(png);
     MemoryReader reader{&file, 0};
     if (setjmp(png_jmpbuf(png))) {

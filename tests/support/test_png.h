@@ -27,10 +27,8 @@ class PngWriter {
     PngWriter();
     PngWriter& Chunk(const std::string& type, const Bytes& data);  // with its correct CRC
     PngWriter& ChunkWithCrc(const std::string& type, const Bytes& data, uint32_t crc) {
-        return LengthAndType(uint32_t(data.size()), type).Raw(data).Raw(Be32(crc));
-    }
-    PngWriter& LengthAndType(uint32_t length, const std::string& type) {
-        return Raw(Be32(length)).Raw(Bytes(type.begin(), type.end()));
+        return Raw(
+            Join({Be32(uint32_t(data.size())), {type.begin(), type.end()}, data, Be32(crc)}));
     }
     PngWriter& Ihdr(uint32_t width, uint32_t height, int depth, int colourType, int interlace = 0) {
         return Chunk("IHDR", IhdrData(width, height, depth, colourType, interlace));
@@ -63,19 +61,28 @@ struct RawImage {
     void SetPixelBits(uint32_t x, uint32_t y, uint64_t bits);
 };
 
+// Every pairing of colour type and bit depth that PNG allows.
+struct Format {
+    int colourType, depth;
+};
+inline constexpr Format kEveryFormat[] = {{0, 1}, {0, 2},  {0, 4},  {0, 8}, {0, 16},
+                                          {2, 8}, {2, 16}, {3, 1},  {3, 2}, {3, 4},
+                                          {3, 8}, {4, 8},  {4, 16}, {6, 8}, {6, 16}};
+
 RawImage RandomImage(uint32_t width, uint32_t height, int depth, int colourType, uint32_t seed);
 
 // The filtered scanlines of an image, Adam7 passes in order when interlaced; scanline i gets
 // filter type filterOf(i).
 Bytes Scanlines(const RawImage& image, bool interlaced, const std::function<int(int)>& filterOf);
 
-// A complete PNG of the image with optional PLTE and tRNS data, its zlib data split into IDAT
-// chunks of at most idatSize bytes.
+// A complete PNG of the image with optional PLTE and tRNS data, its zlib data (made at the
+// given level) split into IDAT chunks of at most idatSize bytes.
 struct PngOptions {
     bool interlaced = false;
     std::function<int(int)> filterOf = [](int i) { return i % 5; };
     Bytes plte, trns;
     size_t idatSize = 1 << 20;
+    int level = 6;
 };
 Bytes EncodePng(const RawImage& image, const PngOptions& options = {});
 
