@@ -20,8 +20,13 @@ namespace fuzz {
 // exercising the decoder's allocation failures. 64 MiB holds a 4096 x 4096 RGBA image.
 inline constexpr unsigned long kAllocationLimit = 64ul << 20;
 
+// Every block also comes filled with a pattern that changes from one block to the next, so that
+// two decodes of one PNG that compare equal cannot both be showing memory they never wrote.
 inline void* LimitedNew(unsigned long size) {
-    return size > kAllocationLimit ? nullptr : MMAllocate(size);
+    static unsigned char pattern = 0;
+    void* p = size > kAllocationLimit ? nullptr : MMAllocate(size);
+    if (p) memset(p, ++pattern, size);
+    return p;
 }
 
 // The stream framework's load-time initialiser has already routed the foundation's hooks to

@@ -386,6 +386,41 @@ TEST(ImageData, SplitAtEveryByteWithEmptyChunksDecodesTheSame) {
     }
 }
 
+// Hands out memory full of a pattern, as reused memory would be.
+void* PoisonedNew(unsigned long n) {
+    void* p = MMAllocate(n);
+    if (p) std::fill_n(static_cast<unsigned char*>(p), n, 0xA5);
+    return p;
+}
+
+// Image data that ends inside the last row decodes as if the missing bytes were zero, whatever
+// the memory held before. (Data that ends before the last row fails: the next row looks for
+// another IDAT chunk.)
+TEST(ImageData, EndingEarlyDecodesAsZeroBytes) {
+    const struct {
+        int colourType, depth;
+        bool interlaced;
+    } cases[] = {{2, 8, false}, {6, 16, true}, {0, 1, false}, {4, 8, true}};
+    kau::mem::SetExternalNewAndDelete(PoisonedNew, MMFree);
+    for (const auto& c : cases) {
+        const RawImage image = RandomImage(37, 9, c.depth, c.colourType, 5);
+        const Bytes full = Scanlines(image, c.interlaced, [](int i) { return i % 5; });
+        const Bytes kept = Slice(full, 0, full.size() - 4);
+        Bytes padded = kept;
+        padded.resize(full.size());
+        Bytes pngs[2];
+        for (int i = 0; i < 2; ++i) {
+            PngWriter png;
+            png.Ihdr(37, 9, c.depth, c.colourType, c.interlaced);
+            pngs[i] = png.Idat(Zlib(i ? padded : kept)).Iend().bytes();
+        }
+        const Decoded shortImage = Decode(pngs[0]);
+        EXPECT_EQ(shortImage.printed, "");
+        EXPECT_TRUE(shortImage.rgba == Decode(pngs[1]).rgba) << c.colourType << c.interlaced;
+    }
+    kau::mem::SetExternalNewAndDelete(MMAllocate, MMFree);
+}
+
 unsigned long largestRequest = 0;
 
 // Notes the largest request and refuses those above 1 MiB.

@@ -742,12 +742,15 @@ int Decoder::InflateZstreamFromIDAT() {
     return result;
 }
 
+// Image data that ends early leaves the rest of `out` zero, so that no pixel of a short image
+// depends on what its memory held before.
 void Decoder::InflateInto(unsigned char* out, uint32_t n) {
     inflater->nextOut = out;
     inflater->availOut = n;
     do {
         InflateZstreamFromIDAT();
     } while (inflater->availOut != 0 && !imageDataEnded);
+    if (inflater->availOut != 0) kau::mem::Zero8(inflater->nextOut, inflater->availOut);
 }
 
 void Decoder::SetRowGeometry(uint32_t pixels) {
