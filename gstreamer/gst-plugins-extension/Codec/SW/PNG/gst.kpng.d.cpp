@@ -188,8 +188,7 @@ static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEve
             break;
         case GST_EVENT_FLUSH_STOP:
             gst_kalpng_dec_set_pool_flushing(dec, FALSE);
-            gst_kalpng_dec_push_held_segment(dec);
-            break;
+            [[fallthrough]];
         case GST_EVENT_EOS:
             // A stream that ends or restarts before its first frame still hands on its segment.
             gst_kalpng_dec_push_held_segment(dec);
