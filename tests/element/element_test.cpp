@@ -211,9 +211,19 @@ struct Offer {
 };
 
 // Frames come from the pool downstream offers when it takes their caps and size, otherwise
-// from the element's own; a frame of the same size reuses the memory of one already returned.
+// from the element's own. A frame reuses the memory of one already returned when it has the
+// same size, and in the element's own pool also when it is smaller; a larger one gets new
+// buffers.
 TEST(ElementAllocation, FramesComeFromTheAgreedPoolAndReuseItsMemory) {
     enum Offered { kNothing, kIdlePool, kActivePool };  // an active pool refuses a new config
+    const struct {
+        unsigned size, seed;
+        bool reusedOwn, reusedOffered;
+    } frames[] = {{6, 1, false, false},
+                  {6, 2, true, true},
+                  {3, 3, true, false},
+                  {8, 4, false, false},
+                  {8, 5, true, true}};
     for (Offered offer : {kNothing, kIdlePool, kActivePool}) {
         Harness h(kPacketized);
         std::optional<Offer> offered;
@@ -225,16 +235,16 @@ TEST(ElementAllocation, FramesComeFromTheAgreedPoolAndReuseItsMemory) {
             ASSERT_TRUE(gst_buffer_pool_set_active(offered->pool, TRUE));
         }
         GstMemory* previous = nullptr;
-        for (const auto& [size, seed] : {std::pair{6u, 1u}, {6u, 2u}, {3u, 3u}}) {
-            ASSERT_EQ(h.Push(Png(size, size, seed)), GST_FLOW_OK);
+        for (const auto& f : frames) {
+            ASSERT_EQ(h.Push(Png(f.size, f.size, f.seed)), GST_FLOW_OK);
             GstBuffer* buffer = gst_harness_pull(h.h);
             Frames frame;
             frame.Add(buffer);
-            EXPECT_THAT(frame.data, ElementsAre(Pixels(size, size, seed)));
+            EXPECT_THAT(frame.data, ElementsAre(Pixels(f.size, f.size, f.seed)));
             ASSERT_NE(buffer->pool, nullptr);
             EXPECT_EQ(offered && buffer->pool == offered->pool, offer == kIdlePool) << offer;
-            if (seed == 2) {
-                EXPECT_EQ(gst_buffer_peek_memory(buffer, 0), previous) << offer;
+            if (offer == kIdlePool ? f.reusedOffered : f.reusedOwn) {
+                EXPECT_EQ(gst_buffer_peek_memory(buffer, 0), previous) << offer << " " << f.seed;
             }
             previous = gst_buffer_peek_memory(buffer, 0);
             gst_buffer_unref(buffer);

@@ -2,6 +2,8 @@
 // system's own engine and pushes it as one RGBA video frame.
 #include "gst.kpng.d.h"
 
+#include <sys/mman.h>
+
 #include <memory>
 
 #include "CPNG.h"
@@ -299,12 +301,98 @@ static void gst_kalpng_dec_set_pool_flushing(GstKalPngDec* dec, gboolean flushin
     gst_object_unref(pool);
 }
 
-// Output buffers come from a pool so that frames of one size reuse memory instead of faulting
-// in fresh pages for every frame. Downstream may offer its own pool and its limits through the
-// allocation query; an offered pool that refuses these caps or this size gives way to a plain
-// pool of the element's own.
+// The element's own pool maps each buffer's memory straight from the system instead of taking
+// it from the C heap. Large blocks share a thread's heap badly: with frame-sized pool buffers in
+// the streaming thread's heap, the decoder's output block, freed and allocated again for every
+// frame, finds no room to reuse and is faulted in fresh each time.
+struct GstKalPngDecPool {
+    GstBufferPool pool;
+};
+
+struct GstKalPngDecPoolClass {
+    GstBufferPoolClass parent_class;
+};
+
+namespace {
+
+struct MappedBlock {
+    void* data;
+    gsize size;
+};
+
+void UnmapBlock(gpointer block) {
+    const MappedBlock* mapped = static_cast<MappedBlock*>(block);
+    munmap(mapped->data, mapped->size);
+    g_free(block);
+}
+
+}  // namespace
+
+static GstFlowReturn gst_kalpng_dec_pool_alloc_buffer(GstBufferPool* pool, GstBuffer** buffer,
+                                                      GstBufferPoolAcquireParams*) {
+    GstStructure* config = gst_buffer_pool_get_config(pool);
+    guint size = 0;
+    gst_buffer_pool_config_get_params(config, nullptr, &size, nullptr, nullptr);
+    gst_structure_free(config);
+    void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (data == MAP_FAILED) return GST_FLOW_ERROR;
+    MappedBlock* block = g_new(MappedBlock, 1);
+    *block = {data, size};
+    *buffer =
+        gst_buffer_new_wrapped_full(GstMemoryFlags(0), data, size, 0, size, block, UnmapBlock);
+    return GST_FLOW_OK;
+}
+
+static void gst_kalpng_dec_pool_class_init(gpointer klass, gpointer) {
+    GST_BUFFER_POOL_CLASS(klass)->alloc_buffer = gst_kalpng_dec_pool_alloc_buffer;
+}
+
+// Streaming threads of several elements may ask for the type at once.
+static GType gst_kalpng_dec_pool_get_type(void) {
+    static gsize type = 0;
+    if (g_once_init_enter(&type)) {
+        static const GTypeInfo info = {
+            sizeof(GstKalPngDecPoolClass),
+            nullptr,
+            nullptr,
+            gst_kalpng_dec_pool_class_init,
+            nullptr,
+            nullptr,
+            sizeof(GstKalPngDecPool),
+            0,
+            nullptr,
+            nullptr,
+        };
+        g_once_init_leave(&type, g_type_register_static(GST_TYPE_BUFFER_POOL, "GstKalPngDecPool",
+                                                        &info, GTypeFlags(0)));
+    }
+    return type;
+}
+
+static GstBufferPool* gst_kalpng_dec_pool_new() {
+    return GST_BUFFER_POOL(
+        gst_object_ref_sink(g_object_new(gst_kalpng_dec_pool_get_type(), nullptr)));
+}
+
+// The element's own pool keeps serving frames that fit in its buffers, so a stream whose frames
+// change size keeps the memory of its largest frame instead of mapping fresh memory for each
+// size. The caps in its configuration are those of the frame that sized it.
+static bool gst_kalpng_dec_own_pool_fits(GstKalPngDec* dec, guint size, guint min, guint max) {
+    if (!dec->pool || !G_TYPE_CHECK_INSTANCE_TYPE(dec->pool, gst_kalpng_dec_pool_get_type())) {
+        return false;
+    }
+    GstStructure* config = gst_buffer_pool_get_config(dec->pool);
+    guint pool_size = 0, pool_min = 0, pool_max = 0;
+    gst_buffer_pool_config_get_params(config, nullptr, &pool_size, &pool_min, &pool_max);
+    gst_structure_free(config);
+    return size <= pool_size && min == pool_min && max == pool_max;
+}
+
+// Output buffers come from a pool so that frames reuse memory instead of faulting in fresh
+// pages for every frame. Downstream may offer its own pool and its limits through the
+// allocation query; an offered pool that refuses these caps or this size gives way to a pool
+// of the element's own.
 static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
-    gst_kalpng_dec_replace_pool(dec, nullptr);
     GstCaps* caps = gst_kalpng_dec_output_caps(dec);
     GstQuery* query = gst_query_new_allocation(caps, TRUE);
     GstBufferPool* pool = nullptr;
@@ -314,18 +402,22 @@ static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
         gst_query_parse_nth_allocation_pool(query, 0, &pool, &proposed_size, &min, &max);
     }
     gst_query_unref(query);
+    // A pool in use takes no new configuration until it is deactivated.
+    if (pool && pool == dec->pool) gst_kalpng_dec_replace_pool(dec, nullptr);
     if (pool && !gst_kalpng_dec_start_pool(pool, caps, size, min, max)) {
         GST_INFO_OBJECT(dec, "downstream pool refused %u-byte frames, using our own", size);
-        gst_object_unref(pool);
-        pool = nullptr;
+        gst_clear_object(&pool);
     }
-    if (!pool) {
-        pool = gst_buffer_pool_new();
-        if (!gst_kalpng_dec_start_pool(pool, caps, size, min, max)) gst_clear_object(&pool);
+    if (!pool && !gst_kalpng_dec_own_pool_fits(dec, size, min, max)) {
+        pool = gst_kalpng_dec_pool_new();
+        if (!gst_kalpng_dec_start_pool(pool, caps, size, min, max)) {
+            gst_clear_object(&pool);
+            gst_kalpng_dec_replace_pool(dec, nullptr);
+        }
     }
     gst_caps_unref(caps);
-    if (!pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
-    gst_kalpng_dec_replace_pool(dec, pool);
+    if (pool) gst_kalpng_dec_replace_pool(dec, pool);
+    if (!dec->pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
 }
 
 // Sets new source caps when the frame's size or the frame rate changed, and agrees on a new
