@@ -160,9 +160,7 @@ inline Lanes SelectLanes(Lanes mask, Lanes ifSet, Lanes ifClear) {
 // Lanes where b < c are mirrored (v -> 255 - v, under which the predictor makes the same choice)
 // so that b >= c in all of them. Then along a: up to 3c - 2b the predictor is a; below
 // (3c - b) / 2 it is c; below b it is b; from b on it is a again.
-template <int Bpp>
-inline void PaethPixel(unsigned char* x, unsigned char* p, Lanes& left, Lanes& upperLeft) {
-    const Lanes upper = LoadLanes(p);
+inline Lanes PaethLanes(Lanes left, Lanes upper, Lanes upperLeft) {
     const Lanes mirror = (upper < upperLeft) & 0xFF;
     const Lanes b = upper ^ mirror, c = upperLeft ^ mirror;
     const Lanes aBelow = c + c + c - b - b + 1;
@@ -170,8 +168,13 @@ inline void PaethPixel(unsigned char* x, unsigned char* p, Lanes& left, Lanes& u
     const Lanes bAbove = (c + c + c - b - 1) >> 1;
     const Lanes a = left ^ mirror;
     const Lanes takeA = (aBelow > a) | (a > aAbove);
-    const Lanes predictor = SelectLanes(takeA, left, SelectLanes(a > bAbove, upper, upperLeft));
-    left = (LoadLanes(x) + predictor) & 0xFF;
+    return SelectLanes(takeA, left, SelectLanes(a > bAbove, upper, upperLeft));
+}
+
+template <int Bpp>
+inline void PaethPixel(unsigned char* x, unsigned char* p, Lanes& left, Lanes& upperLeft) {
+    const Lanes upper = LoadLanes(p);
+    left = (LoadLanes(x) + PaethLanes(left, upper, upperLeft)) & 0xFF;
     upperLeft = upper;
     for (int k = 0; k < Bpp; ++k)
         x[k] = p[k] = uint8_t(left[k]);
@@ -205,23 +208,9 @@ constexpr bool kSimdLanes = false;
 bool vectorRows = true;
 
 #if defined(__SSE2__)
-// SSE2 is part of every x86-64 processor. The Paeth predictor of one pixel in 16-bit lanes:
-// with p = a + b - c, the distances are |p - a| = |b - c|, |p - b| = |a - c| and
-// |p - c| = |(b - c) + (a - c)|; a wins ties, then b.
-inline __m128i Select(__m128i mask, __m128i ifSet, __m128i ifClear) {
-    return _mm_or_si128(_mm_and_si128(mask, ifSet), _mm_andnot_si128(mask, ifClear));
-}
-
-inline __m128i Absolute16(__m128i v) {
-    return _mm_max_epi16(v, _mm_sub_epi16(_mm_setzero_si128(), v));
-}
-
+// SSE2 is part of every x86-64 processor.
 inline __m128i PaethSse2(__m128i a, __m128i b, __m128i c) {
-    const __m128i fromB = _mm_sub_epi16(b, c), fromA = _mm_sub_epi16(a, c);
-    const __m128i pa = Absolute16(fromB), pb = Absolute16(fromA);
-    const __m128i pc = Absolute16(_mm_add_epi16(fromB, fromA));
-    const __m128i smallest = _mm_min_epi16(_mm_min_epi16(pa, pb), pc);
-    return Select(_mm_cmpeq_epi16(smallest, pa), a, Select(_mm_cmpeq_epi16(smallest, pb), b, c));
+    return __m128i(PaethLanes(Lanes(a), Lanes(b), Lanes(c)));
 }
 
 // Four pixels of 3 or 4 bytes per step: the raw and prior bytes of the step come in one load
