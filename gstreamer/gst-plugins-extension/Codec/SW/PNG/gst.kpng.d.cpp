@@ -328,12 +328,17 @@ void UnmapBlock(gpointer block) {
 
 }  // namespace
 
+// The buffer size and limits a pool is configured with.
+static void gst_kalpng_dec_pool_params(GstBufferPool* pool, guint* size, guint* min, guint* max) {
+    GstStructure* config = gst_buffer_pool_get_config(pool);
+    gst_buffer_pool_config_get_params(config, nullptr, size, min, max);
+    gst_structure_free(config);
+}
+
 static GstFlowReturn gst_kalpng_dec_pool_alloc_buffer(GstBufferPool* pool, GstBuffer** buffer,
                                                       GstBufferPoolAcquireParams*) {
-    GstStructure* config = gst_buffer_pool_get_config(pool);
     guint size = 0;
-    gst_buffer_pool_config_get_params(config, nullptr, &size, nullptr, nullptr);
-    gst_structure_free(config);
+    gst_kalpng_dec_pool_params(pool, &size, nullptr, nullptr);
     void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (data == MAP_FAILED) return GST_FLOW_ERROR;
     MappedBlock* block = g_new(MappedBlock, 1);
@@ -381,10 +386,8 @@ static bool gst_kalpng_dec_own_pool_fits(GstKalPngDec* dec, guint size, guint mi
     if (!dec->pool || !G_TYPE_CHECK_INSTANCE_TYPE(dec->pool, gst_kalpng_dec_pool_get_type())) {
         return false;
     }
-    GstStructure* config = gst_buffer_pool_get_config(dec->pool);
     guint pool_size = 0, pool_min = 0, pool_max = 0;
-    gst_buffer_pool_config_get_params(config, nullptr, &pool_size, &pool_min, &pool_max);
-    gst_structure_free(config);
+    gst_kalpng_dec_pool_params(dec->pool, &pool_size, &pool_min, &pool_max);
     return size <= pool_size && min == pool_min && max == pool_max;
 }
 
@@ -408,16 +411,17 @@ static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
         GST_INFO_OBJECT(dec, "downstream pool refused %u-byte frames, using our own", size);
         gst_clear_object(&pool);
     }
-    if (!pool && !gst_kalpng_dec_own_pool_fits(dec, size, min, max)) {
+    if (!pool && gst_kalpng_dec_own_pool_fits(dec, size, min, max)) {
+        gst_caps_unref(caps);
+        return;
+    }
+    if (!pool) {
         pool = gst_kalpng_dec_pool_new();
-        if (!gst_kalpng_dec_start_pool(pool, caps, size, min, max)) {
-            gst_clear_object(&pool);
-            gst_kalpng_dec_replace_pool(dec, nullptr);
-        }
+        if (!gst_kalpng_dec_start_pool(pool, caps, size, min, max)) gst_clear_object(&pool);
     }
     gst_caps_unref(caps);
-    if (pool) gst_kalpng_dec_replace_pool(dec, pool);
-    if (!dec->pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    gst_kalpng_dec_replace_pool(dec, pool);
+    if (!pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
 }
 
 // Sets new source caps when the frame's size or the frame rate changed, and agrees on a new
