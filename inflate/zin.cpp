@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "kau.h"
+#include "kauCpu.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -130,14 +131,6 @@ ZIN_CLMUL_TARGET uint32_t CrcClmul(uint32_t c, const unsigned char* p, uint32_t 
     t = _mm_clmulepi64_si128(_mm_and_si128(t, low32), barrett, 0x00);
     return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(_mm_xor_si128(x, t), 4)));
 }
-
-bool HasClmul() {
-    static const bool has = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("pclmul") != 0;
-    }();
-    return has;
-}
 #endif
 
 // ---------------------------------------------------------------------------------------------
@@ -208,10 +201,9 @@ uint32_t Adler32Sse2(uint32_t adler, const unsigned char* p, uint32_t n) {
 
 inline uint32_t Adler32(uint32_t adler, const unsigned char* p, uint32_t n) {
 #if defined(__SSE2__)
-    return Adler32Sse2(adler, p, n);
-#else
-    return Adler32Scalar(adler, p, n);
+    if (kau::cpu::VectorPathsEnabled()) return Adler32Sse2(adler, p, n);
 #endif
+    return Adler32Scalar(adler, p, n);
 }
 
 }  // namespace
@@ -224,7 +216,7 @@ unsigned long crc32(unsigned long crc, unsigned char const* data, unsigned long 
     uint32_t n = static_cast<uint32_t>(length);
 #if defined(ZIN_CRC_CLMUL)
     // Short runs stay with the tables, which also take the tail of a long one.
-    if (n >= 64 && HasClmul()) {
+    if (n >= 64 && kau::cpu::Available().pclmul) {
         const uint32_t bulk = n & ~uint32_t{15};
         c = CrcClmul(c, data, bulk);
         data += bulk;

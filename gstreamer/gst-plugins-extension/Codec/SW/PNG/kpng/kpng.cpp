@@ -8,6 +8,7 @@
 #include <tmmintrin.h>
 #endif
 
+#include "kauCpu.h"
 #include "mmstream.h"
 #include "zin.h"
 
@@ -204,9 +205,6 @@ constexpr bool kSimdLanes = true;
 constexpr bool kSimdLanes = false;
 #endif
 
-// Process-wide choice between the vector forms of the row loops and the portable ones.
-bool vectorRows = true;
-
 #if defined(__SSE2__)
 // SSE2 is part of every x86-64 processor.
 inline __m128i PaethSse2(__m128i a, __m128i b, __m128i c) {
@@ -258,7 +256,7 @@ void UnfilterPaethSse2(unsigned char* __restrict row, unsigned char* __restrict 
 
 template <int Bpp>
 void UnfilterPaeth(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
-    if (!vectorRows) return UnfilterPaethBytes<Bpp>(row, prior, n);
+    if (!kau::cpu::VectorPathsEnabled()) return UnfilterPaethBytes<Bpp>(row, prior, n);
 #if defined(__SSE2__)
     if constexpr (Bpp == 3 || Bpp == 4) return UnfilterPaethSse2<Bpp>(row, prior, n);
 #endif
@@ -341,16 +339,11 @@ __attribute__((target("ssse3"))) void ExpandRgb8Ssse3(const unsigned char* __res
     }
     if (i < n) ExpandRgb8Portable(in + 3 * i, out + 4 * i, n - i);
 }
-
-bool HasSsse3() {
-    static const bool has = __builtin_cpu_supports("ssse3");
-    return has;
-}
 #endif
 
 void ExpandRgb8(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n) {
 #if defined(__SSE2__)
-    if (vectorRows && HasSsse3()) return ExpandRgb8Ssse3(in, out, n);
+    if (kau::cpu::Available().ssse3) return ExpandRgb8Ssse3(in, out, n);
 #endif
     ExpandRgb8Portable(in, out, n);
 }
@@ -394,7 +387,7 @@ void ExpandRgba16(const unsigned char* __restrict in, unsigned char* __restrict 
 }  // namespace
 
 void UseVectorRowPaths(bool enabled) {
-    vectorRows = enabled;
+    kau::cpu::UseVectorPaths(enabled);
 }
 
 // ---- Construction ----
