@@ -9,17 +9,40 @@ void Error::Throw(const char* file, int line, int code) {
     throw Error(file, line, code);
 }
 
+namespace {
+thread_local FirstReport* threadRecorder = nullptr;
+}  // namespace
+
+FirstReport::FirstReport() : outer_(threadRecorder) {
+    threadRecorder = this;
+}
+
+FirstReport::~FirstReport() {
+    threadRecorder = outer_;
+}
+
+void FirstReport::Record(const char* file, int position) {
+    if (file_) return;
+    file_ = file ? file : "";
+    position_ = position;
+}
+
 void ReportCurrentException(const char* file, int line) {
+    const char* place = file;
+    int position = line;
     try {
         throw;
     } catch (const Error& e) {
-        printf("\n?!exception@ %s +%d !?\n\n\n", e.FileName(), e.Position());
+        place = e.FileName();
+        position = e.Position();
+        printf("\n?!exception@ %s +%d !?\n\n\n", place, position);
     } catch (const char* s) {
         printf("\n?!%s@ %s +%d !?\n\n\n", s ? s : "exception", file, line);
     } catch (...) {
         printf("\n?!exception@ %s +%d !?\n\n\n", file, line);
     }
     fflush(nullptr);
+    if (threadRecorder) threadRecorder->Record(place, position);
 }
 
 namespace mem {

@@ -47,6 +47,30 @@ class Error {
 // printed for exceptions that carry no place of their own.
 void ReportCurrentException(const char* file, int line);
 
+// While alive, remembers the place of the first report printed on its thread: the module text
+// and position a caller turns into words for its user. Reports still go to standard output.
+// Recorders nest; the innermost one records.
+class FirstReport {
+  public:
+    FirstReport();
+    ~FirstReport();
+    FirstReport(const FirstReport&) = delete;
+    FirstReport& operator=(const FirstReport&) = delete;
+
+    bool Seen() const { return file_ != nullptr; }
+    // "" and 0 until a report is printed.
+    const char* FileName() const { return file_ ? file_ : ""; }
+    int Position() const { return position_; }
+
+  private:
+    friend void ReportCurrentException(const char* file, int line);
+    void Record(const char* file, int position);
+
+    FirstReport* outer_;
+    const char* file_ = nullptr;
+    int position_ = 0;
+};
+
 // Rounds `value` up to a multiple of `n`, raising kErrRoundUpOverflow with `code` when the
 // result would not fit in 32 bits.
 inline uint32_t RoundUp(uint32_t value, uint32_t n, int code = -1) {

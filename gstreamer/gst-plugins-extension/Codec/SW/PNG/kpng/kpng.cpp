@@ -1057,4 +1057,105 @@ void Input::ResetStreamWithDataAfterIEND() {
     kau::mem::Delete(bytes);
 }
 
+// ---- Failures in words ----
+
+namespace {
+
+struct FailureWords {
+    int position;
+    const char* words;
+};
+
+// Positions of kKpngFile, in ascending order. Catch positions are absent: a first report there
+// is an exception that carries no place of its own.
+constexpr FailureWords kDecoderFailures[] = {
+    {kErrSignature, "not a PNG: the signature is wrong"},
+    {kErrTopBitSet, "a length or size is larger than PNG allows"},
+    {kErrIdatBeforeIhdr, "image data comes before the header"},
+    {kErrPaletteMissing, "a palette image has no palette"},
+    {kErrNoMemoryInput, "there is no input"},
+    {kErrNoStream, "there is no input"},
+    {kErrNoImageData, "the PNG has no image data"},
+    {kErrOutputAllocate, "the image is too large for memory"},
+    {kErrInterlacedOutputAllocate, "the image is too large for memory"},
+    {kErrIdatMissing, "the image data ends early"},
+    {kErrInflate, "the compressed image data is corrupt"},
+    {kErrShortStreamGrown, "the PNG ends early"},
+    {kErrShortStream, "the PNG ends early"},
+    {kErrShortInputMemory, "the PNG ends early"},
+    {kErrCrc, "a chunk's CRC does not match its data"},
+    {kErrIendOrder, "the end chunk comes before the image data"},
+    {kErrIendRepeated, "the end chunk is repeated"},
+    {kErrIendLength, "the end chunk is not empty"},
+    {kErrIhdrRepeated, "the header is repeated"},
+    {kErrIhdrLength, "the header has the wrong length"},
+    {kErrSizeZero, "the image has no width or no height"},
+    {kErrSizeNegative, "the image size is negative"},
+    {kErrWidthTooLarge, "the image is too wide"},
+    {kErrBitDepth, "the bit depth is invalid"},
+    {kErrColourType, "the colour type is invalid"},
+    {kErrDepthForColourType, "the bit depth is invalid for the colour type"},
+    {kErrInterlaceMethod, "the interlace method is unknown"},
+    {kErrCompressionMethod, "the compression method is unknown"},
+    {kErrFilterMethod, "the filter method is unknown"},
+    {kErrPlteBeforeIhdr, "the palette comes before the header"},
+    {kErrPlteAfterIdat, "the palette comes after the image data"},
+    {kErrPlteAfterTrns, "the palette comes after the transparency chunk"},
+    {kErrPlteRepeated, "the palette is repeated"},
+    {kErrPlteLength, "the palette has an invalid length"},
+    {kErrTrnsLongerThanPalette, "the transparency chunk is longer than the palette"},
+    {kErrTrnsBeforeIhdr, "the transparency chunk comes before the header"},
+    {kErrTrnsAfterIdat, "the transparency chunk comes after the image data"},
+    {kErrTrnsRepeated, "the transparency chunk is repeated"},
+    {kErrTrnsGreyLength, "the transparency chunk has an invalid length"},
+    {kErrTrnsColourLength, "the transparency chunk has an invalid length"},
+    {kErrTrnsBeforePlte, "the transparency chunk comes before the palette"},
+    {kErrTrnsPaletteLength, "the transparency chunk is longer than the palette"},
+    {kErrTrnsPaletteEmpty, "the transparency chunk is empty"},
+    {kErrTrnsWithAlpha, "a transparency chunk in an image with an alpha channel"},
+    {kErrBkgdBeforeIhdr, "the background chunk comes before the header"},
+    {kErrBkgdAfterIdat, "the background chunk comes after the image data"},
+    {kErrBkgdRepeated, "the background chunk is repeated"},
+    {kErrBkgdBeforePlte, "the background chunk comes before the palette"},
+    {kErrBkgdPaletteLength, "the background chunk has an invalid length"},
+    {kErrBkgdIndex, "the background colour is not in the palette"},
+    {kErrBkgdGreyLength, "the background chunk has an invalid length"},
+    {kErrBkgdColourLength, "the background chunk has an invalid length"},
+    {kErrChunkBeforeIhdr, "a chunk comes before the header"},
+    {kErrChunkAfterIend, "a chunk comes after the end chunk"},
+    {kErrChunkTypeNotLetters, "a chunk type is not made of letters"},
+    {kErrUnknownCriticalChunk, "an unknown critical chunk"},
+    {kErrIdatAfterImageData, "image data continues after its end"},
+    {kErrIsValidShortRead, "not a PNG: too short for a signature"},
+    {kErrIsValidSignature, "not a PNG: the signature is wrong"},
+    {kErrPushNoInput, "there is no input"},
+    {kErrPushWrite, "the input could not be stored"},
+    {kErrPushSignature, "not a PNG: the signature is wrong"},
+    {kErrPushIendLength, "the end chunk is not empty"},
+    {kErrResetPosition, "the bytes after the PNG could not be kept"},
+    {kErrResetSeek, "the bytes after the PNG could not be kept"},
+    {kErrResetAllocate, "the bytes after the PNG could not be kept"},
+    {kErrResetRead, "the bytes after the PNG could not be kept"},
+};
+
+// Every failure of the foundation's memory services is a shortage of memory but one: a size
+// that does not fit in 32 bits.
+const char* DescribeFoundationFailure(int position) {
+    return position == kau::kErrRoundUpOverflow ? "a size is too large"
+                                                : "there is not enough memory";
+}
+
+}  // namespace
+
+const char* DescribeFailure(const char* file, int position) {
+    if (!file) return "the decoder failed";
+    if (kau::mem::Compare(file, kau::kKauFile) == 0) return DescribeFoundationFailure(position);
+    if (kau::mem::Compare(file, kKpngFile) == 0) {
+        for (const FailureWords& entry : kDecoderFailures) {
+            if (entry.position == position) return entry.words;
+        }
+    }
+    return "the decoder failed";
+}
+
 }  // namespace kpng

@@ -119,10 +119,16 @@ inline uint32_t ReadBigEndian31(const unsigned char* p) {
     return v;
 }
 
-// Row unfiltering and expansion have portable loops and, where the processor has them, vector
-// forms (chosen at run time where they need more than the target's baseline). They give the
-// same bytes; false forces the portable loops, so that tests can compare the two. Process-wide
-// and unsynchronised, like the allocator hooks: set it while no decoder runs.
+// The reason of a failed decode in words, from the module text and position of its first
+// report (kau::FirstReport): what an application or a tool tells its user. Places the decoder
+// does not know answer "the decoder failed".
+const char* DescribeFailure(const char* file, int position);
+
+// Row unfiltering, expansion and the checksums have portable loops and, where the processor has
+// them, vector forms (chosen at run time where they need more than the target's baseline). They
+// give the same bytes; false forces the portable loops, the inflater's included, so that tests
+// can compare the two. Process-wide and unsynchronised, like the allocator hooks: set it while
+// no decoder runs.
 void UseVectorRowPaths(bool enabled);
 
 // Decodes one PNG, held in memory or read from a stream, into R, G, B, A bytes.
