@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# consumer_test.sh BUILD EXAMPLES LIBDIR PNG: installs BUILD into a temporary prefix, builds
-# examples/decode.cpp with pkg-config and examples/CMakeLists.txt with find_package against it,
-# and runs every program on PNG. Then installs again with DESTDIR under GStreamer's prefix.
+# consumer_test.sh BUILD EXAMPLES LIBDIR PNG: installs BUILD into a temporary prefix, checks what
+# the shared objects export, builds examples/decode.cpp with pkg-config and
+# examples/CMakeLists.txt with find_package against it, and runs every program on PNG. Then
+# installs again with DESTDIR under GStreamer's prefix.
 set -euo pipefail
 build=$1 examples=$2 libdir=$3 png=$4
 expected="32 x 32, first pixel 255 0 8 0"
@@ -20,6 +21,33 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 if [ -f "$build/plugin/libgstkalpng.so" ]; then
   [ -f "$prefix/$libdir/gstreamer-1.0/libgstkalpng.so" ] || fail "plug-in not under the prefix"
+fi
+
+# The public interface is exported; the decoder's private steps and the processor probe are not.
+exports() { nm -DC --defined-only "$1"; }
+expect_exports() {  # LIBRARY EXPORTED|HIDDEN SYMBOL...
+  local library=$1 want=$2 listing symbol
+  shift 2
+  listing=$(exports "$library")
+  for symbol in "$@"; do
+    if grep -qF "$symbol" <<<"$listing"; then
+      [ "$want" = EXPORTED ] || fail "$(basename "$library") exports $symbol"
+    else
+      [ "$want" = HIDDEN ] || fail "$(basename "$library") does not export $symbol"
+    fi
+  done
+}
+public=('DecodePNG(MMStream*' 'kpng::Input::Push(' 'kpng::DescribeFailure(' 'MMStreamNew('
+  'mmIdFileName' 'zin::Decompress(' 'zio::crc32(' 'kiu::Image::Rotate(' 'kau::mem::Delete('
+  'typeinfo for kau::Error')
+private=('kpng::Decoder::ReadAndCheckIHDR(' 'kpng::Decoder::Unfilter(' 'kau::cpu::'
+  'kau::FirstReport::Record(')
+expect_exports "$prefix/$libdir/libkalpng.so" EXPORTED "${public[@]}"
+expect_exports "$prefix/$libdir/libkalpng.so" HIDDEN "${private[@]}"
+if [ -f "$build/plugin/libgstkalpng.so" ]; then
+  plugin=$prefix/$libdir/gstreamer-1.0/libgstkalpng.so
+  expect_exports "$plugin" EXPORTED gst_plugin_kalpng_get_desc "${public[@]}"
+  expect_exports "$plugin" HIDDEN "${private[@]}"
 fi
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
