@@ -71,6 +71,7 @@ const ToolCase kCases[] = {
     {"stdin to stdout", "- -", "rgb.png", 0, nullptr, "", "-", &kPam},
     {"stdin to a file", "-f ppm - out", "rgb.png", 0, "-: 3 x 1, ", "", "out", &kPpm},
     {"stdout in a format", "-f pgm rgb.png -", nullptr, 0, nullptr, "", "-", &kPgm},
+    {"stream to stdout", "--stream rgb.png -", nullptr, 0, nullptr, "", "-", &kPam},
     // Failures: the reason on standard error, the library's report on standard output.
     {"corrupt", "bad.png out.pam", nullptr, 1, "?!exception@ ",
      "kpng-decode: bad.png: a chunk's CRC does not match its data (kpng +576)\n", "out.pam",

@@ -161,22 +161,18 @@ Status CheckUsage(const Options& options) {
     if (n == 0) return UsageError("no INPUT");
     if (options.info && (options.outputDir || options.format || options.stream))
         return UsageError("--info takes no -o, -f or --stream");
-    if (options.info || options.outputDir) {
-        for (const char* input : options.operands) {
-            if (options.outputDir && IsStdio(input))
-                return UsageError("-o needs named INPUT files");
-        }
-    } else if (n > 2) {
-        return UsageError("several INPUT files need -o DIR");
-    } else if (n == 2 && !IsStdio(options.operands[1]) && !options.format &&
-               !FormatOfFileName(options.operands[1])) {
-        return UsageError(std::string("cannot tell the format of ") + options.operands[1] +
-                          ": name it .pam, .ppm or .pgm, or give -f");
+    const bool allInputs = options.info || options.outputDir;
+    for (size_t i = 0; i < (allInputs ? n : 1); ++i) {
+        if (!IsStdio(options.operands[i])) continue;
+        if (options.outputDir) return UsageError("-o needs named INPUT files");
+        if (options.stream) return UsageError("--stream needs named INPUT files");
     }
-    if (options.stream) {
-        for (const char* input : options.operands) {
-            if (IsStdio(input)) return UsageError("--stream needs named INPUT files");
-        }
+    if (allInputs) return kSucceeded;
+    if (n > 2) return UsageError("several INPUT files need -o DIR");
+    const char* output = n == 2 ? options.operands[1] : nullptr;
+    if (output && !IsStdio(output) && !options.format && !FormatOfFileName(output)) {
+        return UsageError(std::string("cannot tell the format of ") + output +
+                          ": name it .pam, .ppm or .pgm, or give -f");
     }
     return kSucceeded;
 }
