@@ -149,14 +149,13 @@ Format ColorSpaceFrom(const char* name) {
     kau::Error::Throw(kKiuFile, length == 4 ? kErrColorSpaceUnknown4 : kErrColorSpaceUnknown3);
 }
 
-void Image::Create(unsigned long width, unsigned long height, Format format, kau::mem::Heap* heap,
-                   unsigned char* buffer) {
+void Image::Create(unsigned long newWidth, unsigned long newHeight, Format newFormat,
+                   kau::mem::Heap* heap, unsigned char* buffer) {
     *this = Image{};
-    this->format = format;
-    this->width = static_cast<uint32_t>(width);
-    this->height = static_cast<uint32_t>(height);
-    stride = format == I420 ? kau::RoundUp(this->width, 4)
-                            : RowBytes(this->width, BytesPerPixel(format));
+    format = newFormat;
+    width = static_cast<uint32_t>(newWidth);
+    height = static_cast<uint32_t>(newHeight);
+    stride = format == I420 ? kau::RoundUp(width, 4) : RowBytes(width, BytesPerPixel(format));
     if (heap && buffer) kau::Error::Throw(kKiuFile, kErrCreateHeapAndBuffer);
     data = heap ? static_cast<unsigned char*>(heap->Allocate(ImageDataSize())) : buffer;
 }

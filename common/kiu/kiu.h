@@ -148,8 +148,8 @@ class Image {
 
     // Sets the format, size and stride, then takes pixels from `heap` or uses `buffer`
     // (possibly null); giving both is an error.
-    void Create(unsigned long width, unsigned long height, Format format, kau::mem::Heap* heap,
-                unsigned char* buffer);
+    void Create(unsigned long newWidth, unsigned long newHeight, Format newFormat,
+                kau::mem::Heap* heap, unsigned char* buffer);
     // Bytes of pixel data; raises the kau rounding-overflow error when it passes 32 bits.
     uint32_t ImageDataSize() const;
     void CopyDataTo(Image& target) const;
