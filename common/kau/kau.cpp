@@ -89,12 +89,7 @@ void SetExternalNewAndDelete(NewFunction newFn, DeleteFunction deleteFn) {
 }
 
 void* New(unsigned long size) {
-    try {
-        return newHook(size);
-    } catch (...) {
-        ReportCurrentException(kKauFile, kCatchNew);
-        return nullptr;
-    }
+    return CatchAndReport(kKauFile, kCatchNew, nullptr, [&] { return newHook(size); });
 }
 
 void Delete(void* p) {
@@ -343,12 +338,10 @@ int PageArray::SetByteCountInLastPage(unsigned long n) {
 }
 
 void PageArray::DisposePages() {
-    try {
+    CatchAndReport(kKauFile, kCatchDisposePages, [&] {
         while (pageCount_)
             mem::Delete(pages_[--pageCount_]);
-    } catch (...) {
-        ReportCurrentException(kKauFile, kCatchDisposePages);
-    }
+    });
     mem::Delete(pages_);
     pages_ = nullptr;
     capacity_ = 0;
