@@ -11,8 +11,8 @@ constexpr int kCatchNull = 30;
 constexpr int kCatchPut = 46;
 constexpr int kCatchReady = 59;
 
-// Entries of the page table made at Ready; it grows by 16 when full.
-constexpr unsigned long kPageTableCapacity = 16;
+// Entries of the page table made at Ready.
+constexpr unsigned long kPageTableCapacity = kau::PageArray::kTableGrowth;
 
 }  // namespace
 
