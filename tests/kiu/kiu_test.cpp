@@ -295,4 +295,31 @@ TEST(DrawBox, ClippedOutlinesWithTheColourReversed) {
         }
 }
 
+// Format 0 and formats of another pixel size are refused before the box is looked at; those
+// without a pixel size fail for want of one.
+TEST(DrawBox, OnlyThreeBytePixels) {
+    const std::pair<kiu::Format, int> cases[] = {
+        {kiu::Format{}, kiu::kErrDrawBoxFormat},  {kiu::Gray8, kiu::kErrDrawBoxFormat},
+        {kiu::Packed16A, kiu::kErrDrawBoxFormat}, {kiu::RGBA, kiu::kErrDrawBoxFormat},
+        {kiu::Packed64, kiu::kErrDrawBoxFormat},  {kiu::I420, kiu::kErrBytesPerPixel},
+        {kiu::Format(17), kiu::kErrBytesPerPixel}};
+    unsigned char pixels[6 * 4 * 8] = {};
+    const unsigned char colour[3] = {};
+    for (const auto& [format, position] : cases) {
+        kiu::Image image;
+        image.format = format;
+        image.width = 6;
+        image.height = 4;
+        image.stride = 6 * 8;
+        image.data = pixels;
+        xy::Box box = {1, 1, 2, 2};
+        try {
+            image.DrawBox(box, colour);
+            ADD_FAILURE() << "drawn in format " << format;
+        } catch (const kau::Error& e) {
+            EXPECT_EQ(e.Position(), position) << format;
+        }
+    }
+}
+
 }  // namespace
