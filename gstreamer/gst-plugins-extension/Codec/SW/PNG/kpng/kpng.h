@@ -168,7 +168,7 @@ class Decoder : public kiu::Decoder {
     static constexpr int32_t kFlagHeader = 1;
     static constexpr int32_t kFlagPalette = 2;
     static constexpr int32_t kFlagImageData = 4;
-    // (8, "image data ended", is kept in imageDataEnded.)
+    // The value 8, "image data ended", is no bit here: imageDataEnded holds that state.
     static constexpr int32_t kFlagEnd = 16;
     static constexpr int32_t kFlagTransparency = 32;
     static constexpr int32_t kFlagBackground = 64;
