@@ -686,7 +686,6 @@ void Decoder::CheckValidInputStreamTail() {
         do {
             InflateZstreamFromIDAT();
         } while (!imageDataEnded && inflater->availOut != 0);
-        if (inflater->availOut == 0) imageDataEnded = 1;
         inflater->availOut = 0;
     }
     inflater->Reset();

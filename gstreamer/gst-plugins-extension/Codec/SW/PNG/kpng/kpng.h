@@ -249,7 +249,7 @@ class Decoder : public kiu::Decoder {
     uint32_t pixelsPerRow = 0;
     uint32_t bytesPerRow = 0;
     uint32_t wordsPerRow = 0;
-    // Set when the zlib stream ends, or when the tail check accepts surplus image data.
+    // Set when the zlib stream ends.
     uint32_t imageDataEnded = 0;
     zin::Stream* inflater = nullptr;
     // Output pixel (R, G, B, A in memory order) of every palette index or 8-bit grey value,
