@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 cmake -S . -B build-arm -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake \
-  -DCMAKE_BUILD_TYPE=Release -DKALPNG_PLUGIN=OFF -DKALPNG_BENCH=OFF >/dev/null
+  -DCMAKE_BUILD_TYPE=Release -DKALPNG_PLUGIN=OFF -DKALPNG_BENCH=OFF -DKALPNG_WERROR=${CI:+ON} >/dev/null
 cmake --build build-arm -j "$(nproc)"
 ctest --test-dir build-arm --output-on-failure -j "$(nproc)"
 

@@ -12,7 +12,11 @@ if [ "${1:-}" = "--sanitize" ]; then
   options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DKALPNG_SANITIZE=ON -DKALPNG_BENCH=OFF)
 fi
 
+# Under CI (CI set in the environment) a warning fails the build.
+werror=OFF
+[ -n "${CI:-}" ] && werror=ON
+
 bash scripts/install-deps.sh
-cmake -S . -B "$build" -G Ninja "${options[@]}" >/dev/null
+cmake -S . -B "$build" -G Ninja "${options[@]}" -DKALPNG_WERROR=$werror >/dev/null
 cmake --build "$build" -j "$(nproc)"
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)"

@@ -89,12 +89,7 @@ void SetExternalNewAndDelete(NewFunction newFn, DeleteFunction deleteFn) {
 }
 
 void* New(unsigned long size) {
-    try {
-        return newHook(size);
-    } catch (...) {
-        ReportCurrentException(kKauFile, kCatchNew);
-        return nullptr;
-    }
+    return CatchAndReport(kKauFile, kCatchNew, nullptr, [&] { return newHook(size); });
 }
 
 void Delete(void* p) {
@@ -130,7 +125,6 @@ void* Heap::Allocate(unsigned long size) {
 }
 
 void* Heap::AllocateAndZero(unsigned long size) {
-    if (size >= 0xFFFFFFFDu) Error::Throw(kKauFile, kErrRoundUpOverflow);
     uint32_t rounded = RoundUp(static_cast<uint32_t>(size), 4);
     void* p = Allocate(rounded);
     Zero32(p, rounded / 4);
@@ -264,7 +258,7 @@ uint32_t PageArray::Size() const {
 
 unsigned char* PageArray::AddPage() {
     if (pageCount_ == capacity_) {
-        uint32_t grown = capacity_ + 16;
+        uint32_t grown = capacity_ + kTableGrowth;
         auto table = grown <= UINT32_MAX / sizeof(unsigned char*)
                          ? static_cast<unsigned char**>(mem::New(grown * sizeof(unsigned char*)))
                          : nullptr;
@@ -343,12 +337,10 @@ int PageArray::SetByteCountInLastPage(unsigned long n) {
 }
 
 void PageArray::DisposePages() {
-    try {
+    CatchAndReport(kKauFile, kCatchDisposePages, [&] {
         while (pageCount_)
             mem::Delete(pages_[--pageCount_]);
-    } catch (...) {
-        ReportCurrentException(kKauFile, kCatchDisposePages);
-    }
+    });
     mem::Delete(pages_);
     pages_ = nullptr;
     capacity_ = 0;
@@ -413,7 +405,8 @@ void Sort(void* base, unsigned long count, unsigned long width,
             }
             Swap(lo, higuy, width);
 
-            bool lowerHasMore = higuy - 1 - lo >= hi - loguy;
+            // (higuy - lo is at least 0: higuy never passes below lo.)
+            bool lowerHasMore = higuy - lo > hi - loguy;
             bool lowerNonEmpty = lo + width < higuy;
             bool upperNonEmpty = loguy < hi;
             if (lowerHasMore) {

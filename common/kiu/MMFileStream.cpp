@@ -28,12 +28,8 @@ MMStream* MMFileStream::New(const MMAttri* attrs, unsigned count) {
 }
 
 int MMFileStream::Ready() {
-    try {
-        return file_ ? Rewind() : Open();
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchReady);
-        return 0;
-    }
+    return kau::CatchAndReport(kModuleFile, kCatchReady, 0,
+                               [&] { return file_ ? Rewind() : Open(); });
 }
 
 int MMFileStream::Open() {
@@ -56,12 +52,8 @@ int MMFileStream::Null() {
     if (!file_) return 1;
     FILE* file = file_;
     file_ = nullptr;
-    try {
-        return fclose(file) == 0 ? 1 : 0;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchNull);
-        return 0;
-    }
+    return kau::CatchAndReport(kModuleFile, kCatchNull, 0,
+                               [&] { return fclose(file) == 0 ? 1 : 0; });
 }
 
 int MMFileStream::Play() {
@@ -69,23 +61,17 @@ int MMFileStream::Play() {
 }
 
 unsigned MMFileStream::Get(void* buf, unsigned n) {
-    try {
-        if (!buf || !file_ || !n) return 0;
+    return kau::CatchAndReport(kModuleFile, kCatchGet, 0u, [&] {
+        if (!buf || !file_ || !n) return 0u;
         return static_cast<unsigned>(fread(buf, 1, n, file_));
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchGet);
-        return 0;
-    }
+    });
 }
 
 unsigned MMFileStream::Put(const void* buf, unsigned n) {
-    try {
-        if (!buf || !file_ || !n) return 0;
+    return kau::CatchAndReport(kModuleFile, kCatchPut, 0u, [&] {
+        if (!buf || !file_ || !n) return 0u;
         return static_cast<unsigned>(fwrite(buf, 1, n, file_));
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchPut);
-        return 0;
-    }
+    });
 }
 
 int MMFileStream::Seek(long offset, MMStreamSeekFrom from) {
@@ -108,25 +94,19 @@ int MMFileStream::Seek(long offset, MMStreamSeekFrom from) {
 }
 
 int MMFileStream::Tell(unsigned long& pos) {
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchTell, 0, [&] {
         if (!file_) return 0;
         pos = static_cast<uint32_t>(ftell(file_));
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchTell);
-        return 0;
-    }
+    });
 }
 
 int MMFileStream::Size(unsigned long& size) {
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchSize, 0, [&] {
         if (!file_) return 0;
         size = MeasureSize();
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchSize);
-        return 0;
-    }
+    });
 }
 
 // Measures the file from its end and goes back, leaving the position where it was.

@@ -11,8 +11,8 @@ constexpr int kCatchNull = 30;
 constexpr int kCatchPut = 46;
 constexpr int kCatchReady = 59;
 
-// Entries of the page table made at Ready; it grows by 16 when full.
-constexpr unsigned long kPageTableCapacity = 16;
+// Entries of the page table made at Ready.
+constexpr unsigned long kPageTableCapacity = kau::PageArray::kTableGrowth;
 
 }  // namespace
 
@@ -28,29 +28,23 @@ uint32_t MMPageArrayStream::PageSizeAttri() {
 
 // The first Ready makes an empty page array; a later one rewinds and keeps the content.
 int MMPageArrayStream::Ready() {
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchReady, 0, [&] {
         if (!pages_) {
             pageSize_ = PageSizeAttri();
             pages_ = new kau::PageArray(kPageTableCapacity, pageSize_);
         }
         position_ = 0;
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchReady);
-        return 0;
-    }
+    });
 }
 
 int MMPageArrayStream::Null() {
     kau::PageArray* pages = pages_;
     pages_ = nullptr;
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchNull, 0, [&] {
         delete pages;
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchNull);
-        return 0;
-    }
+    });
 }
 
 int MMPageArrayStream::Play() {
@@ -62,29 +56,23 @@ int MMPageArrayStream::Play() {
 // A failure answers `n`, leaving the position where it was.
 unsigned MMPageArrayStream::Put(const void* buf, unsigned n) {
     if (!buf || !pages_ || !n) return 0;
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchPut, n, [&] {
         pages_->PushBytes(static_cast<const unsigned char*>(buf), n);
         const uint32_t old = position_;
         position_ = pages_->Size();
         return position_ - old;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchPut);
-        return n;
-    }
+    });
 }
 
 // A failure answers `n`, leaving the position where it was.
 unsigned MMPageArrayStream::Get(void* buf, unsigned n) {
     if (!n || !buf || !pages_) return 0;
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchGet, n, [&] {
         const uint32_t k =
             static_cast<uint32_t>(pages_->GetBytes(static_cast<unsigned char*>(buf), n, position_));
         position_ += k;
         return k;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchGet);
-        return n;
-    }
+    });
 }
 
 int MMPageArrayStream::Size(unsigned long& size) {

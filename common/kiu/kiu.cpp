@@ -62,14 +62,16 @@ struct ColorSpaceName {
     uint32_t value;
 };
 
+// Values without an enumerator name orders of YUV bytes: 17-21 the three-letter ones after
+// YUV, 32-55 the four-letter ones with a filler byte z.
 constexpr ColorSpaceName kColorSpaceNames[] = {
-    {"bgr", 10},  {"rgb", 12},   {"yuv", 16},   {"yvu", 17},  {"uvy", 18},  {"uyv", 19},
-    {"vuy", 20},  {"vyu", 21},   {"abgr", 8},   {"argb", 9},  {"bgra", 11}, {"rgba", 13},
-    {"yzuv", 32}, {"yzvu", 33},  {"yuvz", 34},  {"yuzv", 35}, {"yvuz", 36}, {"yvzu", 37},
-    {"zyuv", 38}, {"zyvu", 39},  {"zuvy", 40},  {"zuyv", 41}, {"zvuy", 42}, {"zvyu", 43},
-    {"uyzv", 44}, {"uyvz", 45},  {"uzvy", 46},  {"uzyv", 47}, {"uvzy", 48}, {"uvyz", 49},
-    {"vyuz", 50}, {"vyzu", 51},  {"vuzy", 52},  {"vuyz", 53}, {"vzuy", 54}, {"vzyu", 55},
-    {"i420", 64}, {"cmyk", 128}, {"ycck", 256},
+    {"bgr", BGR},   {"rgb", RGB},   {"yuv", YUV},   {"yvu", 17},    {"uvy", 18},    {"uyv", 19},
+    {"vuy", 20},    {"vyu", 21},    {"abgr", ABGR}, {"argb", ARGB}, {"bgra", BGRA}, {"rgba", RGBA},
+    {"yzuv", 32},   {"yzvu", 33},   {"yuvz", 34},   {"yuzv", 35},   {"yvuz", 36},   {"yvzu", 37},
+    {"zyuv", 38},   {"zyvu", 39},   {"zuvy", 40},   {"zuyv", 41},   {"zvuy", 42},   {"zvyu", 43},
+    {"uyzv", 44},   {"uyvz", 45},   {"uzvy", 46},   {"uzyv", 47},   {"uvzy", 48},   {"uvyz", 49},
+    {"vyuz", 50},   {"vyzu", 51},   {"vuzy", 52},   {"vuyz", 53},   {"vzuy", 54},   {"vzyu", 55},
+    {"i420", I420}, {"cmyk", CMYK}, {"ycck", YCCK},
 };
 
 bool SameName(const char* a, const char* b) {
@@ -98,26 +100,11 @@ int64_t ClampToImage(int64_t v, uint32_t limit) {
     return v;
 }
 
-// The formats DrawBox turns away before looking at the box. Of the others only the
-// three-byte ones can be drawn into; the rest fail for want of a pixel size.
+// DrawBox draws three-byte pixels only. Format 0 and the formats of another pixel size are
+// turned away before the box is looked at; those without a pixel size fail for want of one.
 bool RefusedByDrawBox(Format format) {
-    switch (format) {
-        case Gray8:
-        case Packed16A:
-        case Packed16B:
-        case Packed32A:
-        case Packed32B:
-        case Packed64:
-        case ABGR:
-        case ARGB:
-        case BGRA:
-        case RGBA:
-        case CMYK:
-        case YCCK:
-            return true;
-        default:
-            return format == Format{};
-    }
+    const uint32_t size = PixelSizeOrZero(format);
+    return format == Format{} || (size != 0 && size != 3);
 }
 
 }  // namespace
@@ -149,14 +136,13 @@ Format ColorSpaceFrom(const char* name) {
     kau::Error::Throw(kKiuFile, length == 4 ? kErrColorSpaceUnknown4 : kErrColorSpaceUnknown3);
 }
 
-void Image::Create(unsigned long width, unsigned long height, Format format, kau::mem::Heap* heap,
-                   unsigned char* buffer) {
+void Image::Create(unsigned long newWidth, unsigned long newHeight, Format newFormat,
+                   kau::mem::Heap* heap, unsigned char* buffer) {
     *this = Image{};
-    this->format = format;
-    this->width = static_cast<uint32_t>(width);
-    this->height = static_cast<uint32_t>(height);
-    stride = format == I420 ? kau::RoundUp(this->width, 4)
-                            : RowBytes(this->width, BytesPerPixel(format));
+    format = newFormat;
+    width = static_cast<uint32_t>(newWidth);
+    height = static_cast<uint32_t>(newHeight);
+    stride = format == I420 ? kau::RoundUp(width, 4) : RowBytes(width, BytesPerPixel(format));
     if (heap && buffer) kau::Error::Throw(kKiuFile, kErrCreateHeapAndBuffer);
     data = heap ? static_cast<unsigned char*>(heap->Allocate(ImageDataSize())) : buffer;
 }

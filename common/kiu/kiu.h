@@ -93,8 +93,9 @@ enum Format : uint32_t {
     YCCK = 256,
 };
 
-// Bytes of one pixel of an interleaved format; planar I420 and the named-only values have none.
-inline uint32_t BytesPerPixel(Format format) {
+// Bytes of one pixel of an interleaved format; 0 for planar I420 and the named-only values,
+// which have none.
+inline uint32_t PixelSizeOrZero(Format format) {
     switch (format) {
         case Gray8:
             return 1;
@@ -117,8 +118,15 @@ inline uint32_t BytesPerPixel(Format format) {
         case Packed64:
             return 8;
         default:
-            kau::Error::Throw(kKiuFile, kErrBytesPerPixel);
+            return 0;
     }
+}
+
+// The same, raising kErrBytesPerPixel for a format without a pixel size.
+inline uint32_t BytesPerPixel(Format format) {
+    const uint32_t size = PixelSizeOrZero(format);
+    if (size == 0) kau::Error::Throw(kKiuFile, kErrBytesPerPixel);
+    return size;
 }
 
 // Plane geometry of an I420 image: the Y plane (the image's stride by lumaRows) is followed
@@ -148,8 +156,8 @@ class Image {
 
     // Sets the format, size and stride, then takes pixels from `heap` or uses `buffer`
     // (possibly null); giving both is an error.
-    void Create(unsigned long width, unsigned long height, Format format, kau::mem::Heap* heap,
-                unsigned char* buffer);
+    void Create(unsigned long newWidth, unsigned long newHeight, Format newFormat,
+                kau::mem::Heap* heap, unsigned char* buffer);
     // Bytes of pixel data; raises the kau rounding-overflow error when it passes 32 bits.
     uint32_t ImageDataSize() const;
     void CopyDataTo(Image& target) const;

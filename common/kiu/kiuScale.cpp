@@ -156,14 +156,13 @@ void ScaleImage(unsigned char*& data, unsigned long& width, unsigned long& heigh
     Sizes sizes{static_cast<uint32_t>(width), static_cast<uint32_t>(height),
                 static_cast<uint32_t>(newWidth), static_cast<uint32_t>(newHeight)};
     RequireSource(data, sizes);
-    unsigned char* out = nullptr;
-    try {
+    unsigned char* out = kau::CatchAndReport(kKiuFile, catchLine, nullptr, [&] {
         uint64_t bytes = sizes.OutputBytes(pixelBytes);
-        if (bytes <= UINT32_MAX)
-            out = static_cast<unsigned char*>(kau::mem::New(static_cast<uint32_t>(bytes)));
-        if (!out) kau::Error::Throw(kKiuFile, outputError);
-    } catch (...) {
-        kau::ReportCurrentException(kKiuFile, catchLine);
+        void* p = bytes <= UINT32_MAX ? kau::mem::New(static_cast<uint32_t>(bytes)) : nullptr;
+        if (!p) kau::Error::Throw(kKiuFile, outputError);
+        return static_cast<unsigned char*>(p);
+    });
+    if (!out) {
         data = nullptr;
         return;
     }
@@ -188,11 +187,10 @@ unsigned char* ScaleComponent(unsigned char*& data, unsigned long srcWidth, unsi
     Sizes sizes{static_cast<uint32_t>(srcWidth), static_cast<uint32_t>(srcHeight),
                 static_cast<uint32_t>(dstWidth), static_cast<uint32_t>(dstHeight)};
     RequireSource(data, sizes);
-    unsigned char* out;
-    try {
-        out = WorkingMemory<unsigned char>(heap, sizes.OutputBytes(1));
-    } catch (...) {
-        kau::ReportCurrentException(kKiuFile, kCatchScaleComponent);
+    unsigned char* out = kau::CatchAndReport(kKiuFile, kCatchScaleComponent, nullptr, [&] {
+        return WorkingMemory<unsigned char>(heap, sizes.OutputBytes(1));
+    });
+    if (!out) {
         data = nullptr;
         return nullptr;
     }

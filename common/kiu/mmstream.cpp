@@ -213,8 +213,8 @@ unsigned MMStream::GetAttri(MMAttri* req, unsigned count) {
 
 unsigned MMStream::PutAttri(const MMAttri* a, unsigned count) {
     if (!a) return count && count < attriCount_ ? count : attriCount_;
-    uint32_t stored = 0;
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchPutAttri, 0u, [&] {
+        uint32_t stored = 0;
         for (uint32_t i = 0; i < count; ++i) {
             const MMAttri& r = a[i];
             if (!r.name || r.tag == MMAttriTagNone) continue;
@@ -234,11 +234,8 @@ unsigned MMStream::PutAttri(const MMAttri* a, unsigned count) {
             }
             ++stored;
         }
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchPutAttri);
-        return 0;
-    }
-    return stored;
+        return stored;
+    });
 }
 
 MMAttri* MMStream::FindAttri(const char* name, MMAttriTag tag) {
@@ -438,65 +435,55 @@ std::list<ContentRegistryEntry>* contentRegistry = nullptr;
 }  // namespace
 
 int MMStream::AddToStreamRegistry(const MMAttri* attrs, unsigned count, Factory factory) {
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchAddToStreamRegistry, 0, [&] {
         if (!attrs || !count || count > kAttriCapacity || !factory) return 0;
         for (uint32_t i = 0; i < count; ++i)
             if (attrs[i].tag == MMAttriTagAny && !AnyPairValid(attrs[i])) return 0;
         if (!streamRegistry) streamRegistry = new std::list<StreamRegistryEntry>;
         streamRegistry->emplace_back(attrs, count, factory);
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchAddToStreamRegistry);
-        return 0;
-    }
+    });
 }
 
 MMStream* MMStream::NewFromStreamRegistry(const MMAttri* attrs, unsigned count) {
-    try {
-        if (!attrs || !count || !streamRegistry) return nullptr;
-        const StreamRegistryEntry* chosen = nullptr;
-        uint32_t best = 0;
-        for (const StreamRegistryEntry& entry : *streamRegistry) {
-            // Only a strictly more specific entry displaces an earlier choice.
-            if (entry.RecordCount() > count || entry.RecordCount() <= best) continue;
-            if (!entry.Matches(attrs, count)) continue;
-            chosen = &entry;
-            best = entry.RecordCount();
-        }
-        return chosen ? chosen->GetFactory()(attrs, count) : nullptr;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchNewFromStreamRegistry);
-        return nullptr;
-    }
+    return kau::CatchAndReport(
+        kModuleFile, kCatchNewFromStreamRegistry, nullptr, [&]() -> MMStream* {
+            if (!attrs || !count || !streamRegistry) return nullptr;
+            const StreamRegistryEntry* chosen = nullptr;
+            uint32_t best = 0;
+            for (const StreamRegistryEntry& entry : *streamRegistry) {
+                // Only a strictly more specific entry displaces an earlier choice.
+                if (entry.RecordCount() > count || entry.RecordCount() <= best) continue;
+                if (!entry.Matches(attrs, count)) continue;
+                chosen = &entry;
+                best = entry.RecordCount();
+            }
+            return chosen ? chosen->GetFactory()(attrs, count) : nullptr;
+        });
 }
 
 int MMStream::AddToContentRegistry(const char* name, Detector detector) {
-    try {
+    return kau::CatchAndReport(kModuleFile, kCatchAddToContentRegistry, 0, [&] {
         if (!name || !detector) return 0;
         std::unique_ptr<char[]> copy(new char[kau::mem::StrLen(name) + 1]);
         kau::mem::CopyIncludingLast0(copy.get(), name);
         if (!contentRegistry) contentRegistry = new std::list<ContentRegistryEntry>;
         contentRegistry->push_back(ContentRegistryEntry{std::move(copy), detector});
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchAddToContentRegistry);
-        return 0;
-    }
+    });
 }
 
 const char* MMStream::ContentFromContentRegistry(MMStream* s) {
-    try {
-        if (!s || !contentRegistry) return nullptr;
-        for (const ContentRegistryEntry& entry : *contentRegistry) {
-            // Every detector looks at the stream from its start.
-            s->Ready();
-            if (entry.detector(s)) return entry.name.get();
-        }
-        return nullptr;
-    } catch (...) {
-        kau::ReportCurrentException(kModuleFile, kCatchContentFromContentRegistry);
-        return nullptr;
-    }
+    return kau::CatchAndReport(kModuleFile, kCatchContentFromContentRegistry, nullptr,
+                               [&]() -> const char* {
+                                   if (!s || !contentRegistry) return nullptr;
+                                   for (const ContentRegistryEntry& entry : *contentRegistry) {
+                                       // Every detector looks at the stream from its start.
+                                       s->Ready();
+                                       if (entry.detector(s)) return entry.name.get();
+                                   }
+                                   return nullptr;
+                               });
 }
 
 // ---- The flat interface ----

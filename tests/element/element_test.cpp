@@ -6,7 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -252,20 +256,64 @@ TEST(ElementAllocation, FramesComeFromTheAgreedPoolAndReuseItsMemory) {
     }
 }
 
-// With downstream's only buffer still held, the next frame waits for it until a flush.
+// A bounded pool that counts the acquires begun on it, so that a test can wait until a frame is
+// blocked in one instead of guessing how long that takes.
+struct AcquireWatch {
+    std::mutex lock;
+    std::condition_variable begun;
+    int count = 0;
+    GstFlowReturn (*acquire)(GstBufferPool*, GstBuffer**, GstBufferPoolAcquireParams*) = nullptr;
+} acquireWatch;
+
+GstFlowReturn WatchedAcquire(GstBufferPool* pool, GstBuffer** buffer,
+                             GstBufferPoolAcquireParams* params) {
+    {
+        std::lock_guard<std::mutex> hold(acquireWatch.lock);
+        ++acquireWatch.count;
+    }
+    acquireWatch.begun.notify_all();
+    return acquireWatch.acquire(pool, buffer, params);
+}
+
+GstBufferPool* NewWatchedPool() {
+    static const GType type = g_type_register_static_simple(
+        GST_TYPE_BUFFER_POOL, "KalpngTestWatchedPool", sizeof(GstBufferPoolClass),
+        [](gpointer klass, gpointer) {
+            GstBufferPoolClass* pool = GST_BUFFER_POOL_CLASS(klass);
+            acquireWatch.acquire = pool->acquire_buffer;
+            pool->acquire_buffer = WatchedAcquire;
+        },
+        sizeof(GstBufferPool), nullptr, GTypeFlags(0));
+    return GST_BUFFER_POOL(gst_object_ref_sink(g_object_new(type, nullptr)));
+}
+
+bool WaitForAcquires(int count) {
+    std::unique_lock<std::mutex> hold(acquireWatch.lock);
+    return acquireWatch.begun.wait_for(hold, std::chrono::seconds(10),
+                                       [&] { return acquireWatch.count >= count; });
+}
+
+// With downstream's only buffer still held, the next frame waits for it until a flush, which
+// fails the frame as any refused buffer does.
 TEST(ElementAllocation, FlushReleasesAFrameWaitingForABoundedPool) {
     Harness h(kPacketized);
     Offer offer(h.h, 1);
+    gst_object_unref(offer.pool);
+    offer.pool = NewWatchedPool();
     ASSERT_EQ(h.Push(Png(4, 4, 1)), GST_FLOW_OK);
     GstBuffer* held = gst_harness_pull(h.h);
-    GstFlowReturn flow = GST_FLOW_OK;
-    std::thread waiting([&] { flow = h.Push(Png(4, 4, 2)); });
-    g_usleep(100 * 1000);  // time for the frame to reach the pool, so the flush finds it waiting
+    const int acquired = acquireWatch.count;
+    std::promise<GstFlowReturn> pushed;
+    std::future<GstFlowReturn> flow = pushed.get_future();
+    std::thread waiting([&] { pushed.set_value(h.Push(Png(4, 4, 2))); });
+    EXPECT_TRUE(WaitForAcquires(acquired + 1)) << "the second frame never asked the pool";
     EXPECT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_start()));
-    waiting.join();
-    // The frame fails as any allocation refusal does, unless the flush stopped it even earlier.
-    EXPECT_THAT(flow, ::testing::AnyOf(GST_FLOW_ERROR, GST_FLOW_FLUSHING));
+    const bool released = flow.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    // Returning the held buffer ends a wait that the flush left alone, so the thread ends anyway.
     gst_buffer_unref(held);
+    waiting.join();
+    ASSERT_TRUE(released) << "the flush left the frame waiting for the pool";
+    EXPECT_EQ(flow.get(), GST_FLOW_ERROR);
     EXPECT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_stop(TRUE)));
     h.PushSegment(GST_FORMAT_TIME, 0, kNone);
     ASSERT_EQ(h.Push(Png(4, 4, 3)), GST_FLOW_OK);

@@ -259,7 +259,7 @@ TEST(Sort, AgreesWithStdSort) {
         [](uint32_t, uint32_t) { return 5u; },
     };
     for (unsigned long width : {4ul, 5ul, 13ul})
-        for (uint32_t count : {0u, 1u, 2u, 3u, 8u, 9u, 10u, 31u, 1000u, 50000u})
+        for (uint32_t count : {0u, 1u, 2u, 3u, 8u, 9u, 10u, 31u, 1000u, 4000u})
             for (size_t shape = 0; shape < shapes.size(); ++shape) {
                 std::vector<uint32_t> keys(count);
                 for (uint32_t i = 0; i < count; ++i)

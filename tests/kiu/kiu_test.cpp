@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -132,17 +133,19 @@ TEST(ConvertTo, AgainstTheColourFormulas) {
         rgba.ConvertTo(*target);
     ycc.ConvertTo(fromYcc);
     i420.ConvertTo(fromI420);
-    // Each I420 chroma sample is the mean over its block.
+    // Each I420 chroma sample is the rounded mean of its block's chroma bytes.
     kiu::PlaneLayout layout = kiu::I420Layout(kWidth, kHeight);
     const unsigned char* u = i420.data + i420.stride * layout.lumaRows;
     const unsigned char* v = u + layout.chromaStride * layout.chromaRows;
-    std::vector<Triple> sums(kBlocksPerRow * layout.chromaRows);
+    std::vector<std::array<uint32_t, 3>> sums(kBlocksPerRow * layout.chromaRows);
     for (uint32_t i = 0; i < kWidth * kHeight; ++i) {
         const unsigned char *c = PixelOf(rgba, i, 4), *out = PixelOf(yuv, i, 3);
         const unsigned char* y = PixelOf(ycc, i, 3);
         const Triple e = YccOf(c[0], c[1], c[2]);
-        Triple& sum = sums[i / kWidth / 2 * kBlocksPerRow + i % kWidth / 2];  // pixels, Cb, Cr
-        sum = {sum.a + 1, sum.b + e.b, sum.c + e.c};
+        auto& [pixels, cb, cr] = sums[i / kWidth / 2 * kBlocksPerRow + i % kWidth / 2];
+        ++pixels;
+        cb += out[1];
+        cr += out[2];
         ASSERT_TRUE(Rounds(out, e)) << i;
         ASSERT_EQ(*PixelOf(gray, i, 1), out[0]) << i;
         ASSERT_EQ(*PixelOf(i420, i, 1), out[0]) << i;
@@ -153,8 +156,9 @@ TEST(ConvertTo, AgainstTheColourFormulas) {
     }
     for (uint32_t block = 0; block < sums.size(); ++block) {
         const size_t at = block / kBlocksPerRow * layout.chromaStride + block % kBlocksPerRow;
-        ASSERT_LE(std::abs(u[at] - sums[block].b / sums[block].a), 1.01) << block;
-        ASSERT_LE(std::abs(v[at] - sums[block].c / sums[block].a), 1.01) << block;
+        const auto& [pixels, cb, cr] = sums[block];
+        ASSERT_EQ(u[at], (cb + pixels / 2) / pixels) << block;
+        ASSERT_EQ(v[at], (cr + pixels / 2) / pixels) << block;
     }
 }
 
@@ -289,6 +293,28 @@ TEST(DrawBox, ClippedOutlinesWithTheColourReversed) {
                                                                 : std::vector<int>(3, kUntouched))
                     << drawn << " pixel " << i;
         }
+}
+
+// Format 0 and formats of another pixel size are refused before the box is looked at; those
+// without a pixel size fail for want of one.
+TEST(DrawBox, OnlyThreeBytePixels) {
+    const std::pair<kiu::Format, int> cases[] = {
+        {kiu::Format{}, kiu::kErrDrawBoxFormat},  {kiu::Gray8, kiu::kErrDrawBoxFormat},
+        {kiu::Packed16A, kiu::kErrDrawBoxFormat}, {kiu::RGBA, kiu::kErrDrawBoxFormat},
+        {kiu::Packed64, kiu::kErrDrawBoxFormat},  {kiu::I420, kiu::kErrBytesPerPixel},
+        {kiu::Format(17), kiu::kErrBytesPerPixel}};
+    unsigned char pixels[6 * 4 * 8] = {};
+    const unsigned char colour[3] = {};
+    for (const auto& [format, position] : cases) {
+        kiu::Image image{format, 6, 4, 6 * 8, pixels};  // no Create: it refuses some of them
+        xy::Box box = {1, 1, 2, 2};
+        try {
+            image.DrawBox(box, colour);
+            ADD_FAILURE() << "drawn in format " << format;
+        } catch (const kau::Error& e) {
+            EXPECT_EQ(e.Position(), position) << format;
+        }
+    }
 }
 
 }  // namespace

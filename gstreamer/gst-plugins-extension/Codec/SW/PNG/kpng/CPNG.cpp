@@ -1,5 +1,7 @@
 #include "CPNG.h"
 
+#include <memory>
+
 #include "kau.h"
 #include "kpng.h"
 
@@ -10,19 +12,21 @@ namespace {
 struct OverloadPositions {
     int invalidArguments, noDecoder, noPixels, report;
 };
-constexpr OverloadPositions kMemoryWithAlphaDepth = {97, 99, 103, 118};
-constexpr OverloadPositions kMemory = {22, 24, 27, 43};
-constexpr OverloadPositions kStream = {59, 61, 64, 80};
+constexpr OverloadPositions kMemoryWithAlphaDepth = {
+    kErrAlphaDepthArguments, kErrAlphaDepthNoDecoder, kErrAlphaDepthNoPixels, kCatchAlphaDepth};
+constexpr OverloadPositions kMemory = {kErrMemoryArguments, kErrMemoryNoDecoder, kErrMemoryNoPixels,
+                                       kCatchMemory};
+constexpr OverloadPositions kStream = {kErrStreamArguments, kErrStreamNoDecoder, kErrStreamNoPixels,
+                                       kCatchStream};
 
 // Runs one decode: `valid` is the argument check, `construct` builds the decoder (raising on
 // failure), `header` sees it before any pixel is decoded. Fills `image` only on success.
 template <typename Construct, typename Header>
 int Decode(bool valid, STImageSimple* image, bool withDataSize, const OverloadPositions& at,
            Construct construct, Header header) {
-    kpng::Decoder* decoder = nullptr;
-    try {
+    return kau::CatchAndReport(kCPNGFile, at.report, 0, [&] {
         if (!valid) kau::Error::Throw(kCPNGFile, at.invalidArguments);
-        decoder = construct();
+        std::unique_ptr<kpng::Decoder> decoder(construct());
         if (!decoder) kau::Error::Throw(kCPNGFile, at.noDecoder);
         header(*decoder);
         unsigned char* pixels = decoder->DecodeImage();
@@ -32,17 +36,12 @@ int Decode(bool valid, STImageSimple* image, bool withDataSize, const OverloadPo
         kau::mem::Zero8(image, sizeof(*image));
         image->width = width;
         image->height = height;
-        image->stride = uint32_t(decoder->OutputWidth()) * 4;
+        image->stride = width * 4;
         image->bpp = 32;
         image->data = pixels;
         if (withDataSize) image->dataSize = width * 4 * height;
-        delete decoder;
         return 1;
-    } catch (...) {
-        kau::ReportCurrentException(kCPNGFile, at.report);
-        delete decoder;
-        return 0;
-    }
+    });
 }
 
 }  // namespace

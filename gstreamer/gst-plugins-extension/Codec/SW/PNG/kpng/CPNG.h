@@ -19,6 +19,21 @@ inline constexpr const char kCPNGFile[] =
     "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/"
     "kpng/CPNG";
 
+// Error and catch positions of the front ends (all in kCPNGFile), per overload: invalid
+// arguments, no decoder object, no pixels, and the report of exceptions without a place.
+inline constexpr int kErrMemoryArguments = 22;
+inline constexpr int kErrMemoryNoDecoder = 24;
+inline constexpr int kErrMemoryNoPixels = 27;
+inline constexpr int kCatchMemory = 43;
+inline constexpr int kErrStreamArguments = 59;
+inline constexpr int kErrStreamNoDecoder = 61;
+inline constexpr int kErrStreamNoPixels = 64;
+inline constexpr int kCatchStream = 80;
+inline constexpr int kErrAlphaDepthArguments = 97;
+inline constexpr int kErrAlphaDepthNoDecoder = 99;
+inline constexpr int kErrAlphaDepthNoPixels = 103;
+inline constexpr int kCatchAlphaDepth = 118;
+
 // 1 with the record filled, 0 with it untouched. `defaultAlpha` (0 to 255) is the alpha of
 // palette colours without a transparency entry. `alphaDepth` receives the image's alpha bits
 // (-1 for none) once the header has been read; this overload leaves `dataSize` 0.

@@ -26,10 +26,6 @@ constexpr uint32_t TypeCode(const char (&name)[5]) {
            uint32_t(uint8_t(name[2])) << 8 | uint8_t(name[3]);
 }
 
-uint32_t BigEndian32(const unsigned char* p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
-
 uint16_t BigEndian16(const unsigned char* p) {
     return uint16_t(p[0] << 8 | p[1]);
 }
@@ -392,24 +388,22 @@ void UseVectorRowPaths(bool enabled) {
 
 // ---- Construction ----
 
-Decoder::Decoder(const unsigned char* data, unsigned long size, unsigned char alpha) {
-    try {
-        defaultAlpha = alpha;
-        ConstructFromMemory(data, static_cast<uint32_t>(size));
-    } catch (...) {
-        kau::ReportCurrentException(kKpngFile, kCatchMemoryConstructor);
+Decoder::Decoder(const unsigned char* data, unsigned long size, unsigned char alpha)
+    : defaultAlpha(alpha) {
+    if (!kau::CatchAndReport(kKpngFile, kCatchMemoryConstructor, false, [&] {
+            ConstructFromMemory(data, static_cast<uint32_t>(size));
+            return true;
+        })) {
         heap.HandleExceptionInConstructor();
         Fail(kErrMemoryConstructor);
     }
 }
 
-Decoder::Decoder(MMStream* source, unsigned char alpha) {
-    try {
-        stream = source;
-        defaultAlpha = alpha;
-        ConstructFromStream();
-    } catch (...) {
-        kau::ReportCurrentException(kKpngFile, kCatchStreamConstructor);
+Decoder::Decoder(MMStream* source, unsigned char alpha) : stream(source), defaultAlpha(alpha) {
+    if (!kau::CatchAndReport(kKpngFile, kCatchStreamConstructor, false, [&] {
+            ConstructFromStream();
+            return true;
+        })) {
         heap.HandleExceptionInConstructor();
         Fail(kErrStreamConstructor);
     }
@@ -454,13 +448,14 @@ const unsigned char* Decoder::GetStreamData(uint32_t n) {
             MMStreamSeek(stream, 0, MMStreamSeekFromEnd);
             Fail(kErrShortStreamGrown);
         }
-        unsigned char* grown = static_cast<unsigned char*>(heap.Allocate(n));
-        kau::mem::Copy8(grown, readCursor, avail);
-        if (MMStreamGet(stream, grown + avail, missing) < missing) Fail(kErrShortStreamGrown);
-        readBuffer = grown;
+        // The unread bytes move to the start and the buffer is grown, not replaced, so that
+        // a run of ever longer IDAT chunks does not keep every outgrown buffer.
+        memmove(readBuffer, readCursor, avail);
+        readBuffer = static_cast<unsigned char*>(heap.Reallocate(readBuffer, n));
         readCapacity = n;
-        readCursor = readEnd = grown + n;
-        return grown;
+        if (MMStreamGet(stream, readBuffer + avail, missing) < missing) Fail(kErrShortStreamGrown);
+        readCursor = readEnd = readBuffer + n;
+        return readBuffer;
     }
     if (avail >= n) {
         const unsigned char* data = readCursor;
@@ -496,6 +491,44 @@ const unsigned char* Decoder::CheckCRC(uint32_t n) {
     return crc;
 }
 
+// ---- Chunk routing ----
+
+// The one table of which handler takes a chunk before the first IDAT (Start) and after the image
+// data (the tail check). Types it does not list go to ReadAndCheckUnknown in both.
+Decoder::ChunkHandler Decoder::HandlerFor(uint32_t type, Phase phase) {
+    struct Route {
+        uint32_t type;
+        ChunkHandler beforeImageData, afterImageData;
+    };
+    static constexpr Route kRoutes[] = {
+        // In the tail its handler refuses it as repeated.
+        {kIHDR, &Decoder::ReadAndCheckIHDR, &Decoder::ReadAndCheckIHDR},
+        // Before the image data its handler refuses it as out of order.
+        {kIEND, &Decoder::ReadAndCheckIEND, &Decoder::ReadAndCheckIEND},
+        // The first IDAT ends the header walk; one after the image data ended is refused.
+        {kIDAT, &Decoder::BeginImageData, &Decoder::RefuseImageData},
+        // In the tail their handlers refuse them as coming after the image data.
+        {kPLTE, &Decoder::ReadAndCheckPLTE, &Decoder::ReadAndCheckPLTE},
+        {ktRNS, &Decoder::ReadAndChecktRNS, &Decoder::ReadAndChecktRNS},
+        // A background after the image data is skipped like any ancillary chunk, not refused.
+        {kbKGD, &Decoder::ReadAndCheckbKGD, &Decoder::ReadAndCheckUnknown},
+    };
+    for (const Route& route : kRoutes)
+        if (route.type == type)
+            return phase == Phase::kBeforeImageData ? route.beforeImageData : route.afterImageData;
+    return &Decoder::ReadAndCheckUnknown;
+}
+
+// Reads chunk after chunk, each handed to its handler, until one of them sets `flag`.
+void Decoder::ReadChunksUntil(int32_t flag, Phase phase) {
+    while (!(chunkFlags & flag)) {
+        uint32_t length = GetChunkLength();
+        chunkCRC = 0;
+        ReadChunkType();
+        (this->*HandlerFor(BigEndian32(chunkType), phase))(length);
+    }
+}
+
 // ---- Chunks before the image data ----
 
 void Decoder::Start() {
@@ -503,32 +536,16 @@ void Decoder::Start() {
     inflater = static_cast<zin::Stream*>(heap.AllocateAndZero(sizeof(zin::Stream)));
     inflater->Reset();
     if (kau::mem::CompareNonNull(GetData(8), kpngSignature, 8) != 0) Fail(kErrSignature);
-    for (;;) {
-        uint32_t length = GetChunkLength();
-        chunkCRC = 0;
-        ReadChunkType();
-        uint32_t type = BigEndian32(chunkType);
-        if (type == kIDAT) {
-            idatRemaining = length;
-            break;
-        }
-        if (type == kIHDR)
-            ReadAndCheckIHDR(length);
-        else if (type == kIEND)
-            ReadAndCheckIEND(length);
-        else if (type == kPLTE)
-            ReadAndCheckPLTE(length);
-        else if (type == ktRNS)
-            ReadAndChecktRNS(length);
-        else if (type == kbKGD)
-            ReadAndCheckbKGD(length);
-        else
-            ReadAndCheckUnknown(length);
-    }
+    ReadChunksUntil(kFlagImageData, Phase::kBeforeImageData);
+    if (alphaDepth > 8) alphaDepth = 8;
+}
+
+// The first IDAT: its data is left for the inflater, which carries on its CRC.
+void Decoder::BeginImageData(uint32_t length) {
     if (!(chunkFlags & kFlagHeader)) Fail(kErrIdatBeforeIhdr);
     if (colourType == 3 && !(chunkFlags & kFlagPalette)) Fail(kErrPaletteMissing);
+    idatRemaining = length;
     chunkFlags |= kFlagImageData;
-    if (alphaDepth > 8) alphaDepth = 8;
 }
 
 void Decoder::ReadAndCheckIHDR(uint32_t length) {
@@ -568,7 +585,7 @@ void Decoder::ReadAndCheckIHDR(uint32_t length) {
 void Decoder::ReadAndCheckIEND(uint32_t length) {
     if (!(chunkFlags & kFlagHeader) || !(chunkFlags & kFlagImageData)) Fail(kErrIendOrder);
     if (chunkFlags & kFlagEnd) Fail(kErrIendRepeated);
-    chunkFlags |= kFlagImageDataEnded | kFlagEnd;
+    chunkFlags |= kFlagEnd;
     if (length != 0) Fail(kErrIendLength);
     CheckCRC(0);
 }
@@ -624,6 +641,7 @@ void Decoder::ReadAndChecktRNS(uint32_t length) {
 
 void Decoder::ReadAndCheckbKGD(uint32_t length) {
     if (!(chunkFlags & kFlagHeader)) Fail(kErrBkgdBeforeIhdr);
+    // Unreachable, since HandlerFor skips a late background; a second guard on the order rule.
     if (chunkFlags & kFlagImageData) Fail(kErrBkgdAfterIdat);
     if (chunkFlags & kFlagBackground) Fail(kErrBkgdRepeated);
     chunkFlags |= kFlagBackground;
@@ -650,8 +668,6 @@ void Decoder::ReadAndCheckbKGD(uint32_t length) {
 void Decoder::ReadAndCheckUnknown(uint32_t length) {
     if (!(chunkFlags & kFlagHeader)) Fail(kErrChunkBeforeIhdr);
     if (chunkFlags & kFlagEnd) Fail(kErrChunkAfterIend);
-    if ((chunkFlags & kFlagImageData) && BigEndian32(chunkType) != kIDAT)
-        chunkFlags |= kFlagImageDataEnded;
     for (unsigned char c : chunkType) {
         if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'))) Fail(kErrChunkTypeNotLetters);
     }
@@ -670,33 +686,15 @@ void Decoder::CheckValidInputStreamTail() {
         do {
             InflateZstreamFromIDAT();
         } while (!imageDataEnded && inflater->availOut != 0);
-        if (inflater->availOut == 0) {
-            chunkFlags |= kFlagImageDataEnded;
-            imageDataEnded = 1;
-        }
         inflater->availOut = 0;
     }
     inflater->Reset();
-    chunkFlags |= kFlagImageDataEnded;
     CheckCRC(0);
-    while (!(chunkFlags & kFlagEnd)) {
-        uint32_t length = GetChunkLength();
-        chunkCRC = 0;
-        ReadChunkType();
-        uint32_t type = BigEndian32(chunkType);
-        if (type == kIHDR)
-            ReadAndCheckIHDR(length);
-        else if (type == kIEND)
-            ReadAndCheckIEND(length);
-        else if (type == kIDAT)
-            Fail(kErrIdatAfterImageData);
-        else if (type == kPLTE)
-            ReadAndCheckPLTE(length);
-        else if (type == ktRNS)
-            ReadAndChecktRNS(length);
-        else
-            ReadAndCheckUnknown(length);
-    }
+    ReadChunksUntil(kFlagEnd, Phase::kAfterImageData);
+}
+
+void Decoder::RefuseImageData(uint32_t) {
+    Fail(kErrIdatAfterImageData);
 }
 
 // ---- Image data and rows ----
@@ -717,7 +715,6 @@ int Decoder::InflateZstreamFromIDAT() {
     int result = inflater->Inflate(zio::FlushPartial);
     if (result == zin::kStreamEnd) {
         imageDataEnded = 1;
-        chunkFlags |= kFlagImageDataEnded;
     } else if (result != zin::kOk) {
         Fail(kErrInflate);
     }
@@ -744,19 +741,18 @@ void Decoder::SetRowGeometry(uint32_t pixels) {
 unsigned char* Decoder::DecodeImage() {
     if (!(chunkFlags & kFlagImageData)) Fail(kErrNoImageData);
     unsigned char* output = nullptr;
-    try {
+    const bool decoded = kau::CatchAndReport(kKpngFile, kCatchDecodeImage, false, [&] {
         PreparePixelTable();
         if (interlaceMethod)
             DecodeInterlacedRows(output);
         else
             DecodeRows(output);
         CheckValidInputStreamTail();
-        return output;
-    } catch (...) {
-        kau::ReportCurrentException(kKpngFile, kCatchDecodeImage);
-        kau::mem::Delete(output);
-        return nullptr;
-    }
+        return true;
+    });
+    if (decoded) return output;
+    kau::mem::Delete(output);
+    return nullptr;
 }
 
 void Decoder::DecodeRows(unsigned char*& output) {
@@ -951,15 +947,12 @@ void Input::Destruct() {
 
 bool Input::IsValid(MMStream* stream) {
     if (!stream) return false;
-    try {
+    return kau::CatchAndReport(kKpngFile, kCatchIsValid, false, [&] {
         unsigned char bytes[8];
         if (MMStreamGet(stream, bytes, 8) < 8) Fail(kErrIsValidShortRead);
         if (kau::mem::CompareNonNull(bytes, kpngSignature, 8) != 0) Fail(kErrIsValidSignature);
         return true;
-    } catch (...) {
-        kau::ReportCurrentException(kKpngFile, kCatchIsValid);
-        return false;
-    }
+    });
 }
 
 int Input::Push(const void* data, unsigned long size) {
@@ -971,65 +964,74 @@ int Input::Push(const void* data, unsigned long size) {
     const unsigned char* p = begin;
     while (p != end) {
         if (signatureCount < 8) {
-            while (signatureCount < 8 && p != end)
-                signature[signatureCount++] = *p++;
-            if (signatureCount == 8 && kau::mem::CompareNonNull(signature, kpngSignature, 8) != 0)
-                Fail(kErrPushSignature);
-            continue;
-        }
-        if (lengthCount < 4) {
-            while (lengthCount < 4 && p != end)
-                lengthBytes[lengthCount++] = *p++;
-            if (lengthCount == 4) chunkLength = int32_t(ReadBigEndian31(lengthBytes));
-            continue;
-        }
-        if (typeCount < 4) {
-            while (typeCount < 4 && p != end)
-                typeBytes[typeCount++] = *p++;
-            if (typeCount < 4) continue;
-            if (memcmp(typeBytes, kIendType, 4) == 0) {
-                currentType = kIendType;
-            } else {
-                currentType = reinterpret_cast<const char*>(typeBytes);
-                remaining = chunkLength;
-            }
-            crcCount = 0;
-        }
-        if (currentType == kIendType) {
-            uint32_t pass = uint32_t(4 - crcCount);
-            if (uint32_t(end - p) < pass) pass = uint32_t(end - p);
-            p += pass;
-            crcCount += int32_t(pass);
-            if (crcCount == 4) {
-                if (chunkLength != 0) Fail(kErrPushIendLength);
-                pngSize += uint32_t(p - begin);
-                return 0;
-            }
-        } else if (currentType) {
-            const uint32_t left = uint32_t(end - p);
-            if (left < uint32_t(remaining)) {
-                remaining -= int32_t(left);
-                p = end;
-            } else {
-                const uint32_t crcSeen = uint32_t(crcCount);
-                const uint32_t crcHere = left - uint32_t(remaining) + crcSeen;
-                const uint32_t dataHere = uint32_t(remaining);
-                remaining = 0;
-                if (crcHere >= 4) {
-                    crcCount = 4;
-                    currentType = nullptr;
-                    typeCount = 0;
-                    lengthCount = 0;
-                    p += dataHere + (4 - crcSeen);
-                } else {
-                    crcCount = int32_t(crcHere);
-                    p = end;
-                }
-            }
+            TakeSignature(p, end);
+        } else if (lengthCount < 4) {
+            TakeLength(p, end);
+        } else if (typeCount < 4) {
+            TakeType(p, end);
+        } else if (SkipDataAndCrc(p, end)) {
+            pngSize += uint32_t(p - begin);
+            return 0;
         }
     }
     pngSize += n;
     return 1;
+}
+
+namespace {
+// Moves bytes from `p` into `field` until it holds `size` of them; true once it does.
+bool Collect(unsigned char* field, int32_t& count, int32_t size, const unsigned char*& p,
+             const unsigned char* end) {
+    while (count < size && p != end)
+        field[count++] = *p++;
+    return count == size;
+}
+
+uint32_t Smaller(uint32_t a, uint32_t b) {
+    return a < b ? a : b;
+}
+}  // namespace
+
+void Input::TakeSignature(const unsigned char*& p, const unsigned char* end) {
+    if (Collect(signature, signatureCount, 8, p, end) &&
+        kau::mem::CompareNonNull(signature, kpngSignature, 8) != 0)
+        Fail(kErrPushSignature);
+}
+
+void Input::TakeLength(const unsigned char*& p, const unsigned char* end) {
+    if (Collect(lengthBytes, lengthCount, 4, p, end))
+        chunkLength = int32_t(ReadBigEndian31(lengthBytes));
+}
+
+// The IEND chunk's length is only checked once its CRC is in: the four bytes after its type
+// are taken as the CRC whatever the length says.
+void Input::TakeType(const unsigned char*& p, const unsigned char* end) {
+    if (!Collect(typeBytes, typeCount, 4, p, end)) return;
+    if (memcmp(typeBytes, kIendType, 4) == 0) {
+        currentType = kIendType;
+    } else {
+        currentType = reinterpret_cast<const char*>(typeBytes);
+        remaining = chunkLength;
+    }
+    crcCount = 0;
+}
+
+bool Input::SkipDataAndCrc(const unsigned char*& p, const unsigned char* end) {
+    const uint32_t data = Smaller(uint32_t(remaining), uint32_t(end - p));
+    remaining -= int32_t(data);
+    p += data;
+    const uint32_t crc = Smaller(uint32_t(4 - crcCount), uint32_t(end - p));
+    crcCount += int32_t(crc);
+    p += crc;
+    if (crcCount < 4) return false;
+    if (currentType == kIendType) {
+        if (chunkLength != 0) Fail(kErrPushIendLength);
+        return true;
+    }
+    currentType = nullptr;
+    typeCount = 0;
+    lengthCount = 0;
+    return false;
 }
 
 void Input::ResetStreamWithDataAfterIEND() {
@@ -1043,7 +1045,7 @@ void Input::ResetStreamWithDataAfterIEND() {
         return;
     }
     unsigned char* bytes = nullptr;
-    try {
+    kau::CatchAndReport(kKpngFile, kCatchReset, [&] {
         if (!MMStreamSeek(stream, long(pngSize), MMStreamSeekFromBegin)) Fail(kErrResetSeek);
         bytes = static_cast<unsigned char*>(kau::mem::New(carried));
         if (!bytes) Fail(kErrResetAllocate);
@@ -1051,9 +1053,7 @@ void Input::ResetStreamWithDataAfterIEND() {
         Destruct();
         Construct();
         Push(bytes, carried);
-    } catch (...) {
-        kau::ReportCurrentException(kKpngFile, kCatchReset);
-    }
+    });
     kau::mem::Delete(bytes);
 }
 

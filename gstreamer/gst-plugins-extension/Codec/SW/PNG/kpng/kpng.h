@@ -112,9 +112,14 @@ inline constexpr int kCatchReset = 1037;
 // The 8 bytes that open every PNG file.
 inline constexpr unsigned char kpngSignature[8] = {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
 
+// The 32-bit big-endian value PNG stores in its chunks.
+inline uint32_t BigEndian32(const unsigned char* p) {
+    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+
 // A big-endian 32-bit length or size, which PNG limits to 2^31 - 1.
 inline uint32_t ReadBigEndian31(const unsigned char* p) {
-    uint32_t v = uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+    uint32_t v = BigEndian32(p);
     if (v & 0x80000000u) kau::Error::Throw(kKpngFile, kErrTopBitSet);
     return v;
 }
@@ -163,7 +168,7 @@ class Decoder : public kiu::Decoder {
     static constexpr int32_t kFlagHeader = 1;
     static constexpr int32_t kFlagPalette = 2;
     static constexpr int32_t kFlagImageData = 4;
-    static constexpr int32_t kFlagImageDataEnded = 8;
+    // The value 8, "image data ended", is no bit here: imageDataEnded holds that state.
     static constexpr int32_t kFlagEnd = 16;
     static constexpr int32_t kFlagTransparency = 32;
     static constexpr int32_t kFlagBackground = 64;
@@ -176,10 +181,17 @@ class Decoder : public kiu::Decoder {
     void ReadChunkType();
     const unsigned char* CheckCRC(uint32_t n);
 
-    // Header walk and chunk handlers.
+    // Header walk and chunk handlers. Each handler is called with the chunk's data length once
+    // its type has been read; HandlerFor routes a chunk type to its handler.
+    enum class Phase { kBeforeImageData, kAfterImageData };
+    using ChunkHandler = void (Decoder::*)(uint32_t length);
+    static ChunkHandler HandlerFor(uint32_t type, Phase phase);
+    void ReadChunksUntil(int32_t flag, Phase phase);
     void ConstructFromMemory(const unsigned char* data, uint32_t size);
     void ConstructFromStream();
     void Start();
+    void BeginImageData(uint32_t length);
+    void RefuseImageData(uint32_t length);
     void ReadAndCheckIHDR(uint32_t length);
     void ReadAndCheckIEND(uint32_t length);
     void ReadAndCheckPLTE(uint32_t length);
@@ -237,6 +249,7 @@ class Decoder : public kiu::Decoder {
     uint32_t pixelsPerRow = 0;
     uint32_t bytesPerRow = 0;
     uint32_t wordsPerRow = 0;
+    // Set when the zlib stream ends.
     uint32_t imageDataEnded = 0;
     zin::Stream* inflater = nullptr;
     // Output pixel (R, G, B, A in memory order) of every palette index or 8-bit grey value,
@@ -269,6 +282,13 @@ struct Input {
     // After decoding, starts a fresh stream holding the bytes between the end of the PNG and
     // the old stream's position. Raises kau::Error at its first test only.
     void ResetStreamWithDataAfterIEND();
+
+    // The walk over a piece, one step per part of the file: the signature, a chunk's length,
+    // its type, then its data and CRC (true once the IEND chunk is complete).
+    void TakeSignature(const unsigned char*& p, const unsigned char* end);
+    void TakeLength(const unsigned char*& p, const unsigned char* end);
+    void TakeType(const unsigned char*& p, const unsigned char* end);
+    bool SkipDataAndCrc(const unsigned char*& p, const unsigned char* end);
 };
 
 }  // namespace kpng
