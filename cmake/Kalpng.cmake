@@ -1,13 +1,5 @@
 # Build helpers shared by every folder of the project.
 
-# Adds a folder when it already holds its build file. Only the plug-in folder still calls it;
-# every other folder is added with add_subdirectory, so that a missing one stops the build.
-function(kalpng_optional_subdirectory dir)
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
-        add_subdirectory(${dir})
-    endif()
-endfunction()
-
 # Declares one of the project's static libraries.
 function(kalpng_library name)
     add_library(${name} STATIC ${ARGN})
