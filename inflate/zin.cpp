@@ -506,6 +506,18 @@ inline void CopyMatchExact(unsigned char* out, uint32_t dist, uint32_t len) {
         out[i] = src[i];
 }
 
+// The bit buffer shifted down by 1 to 31 bits, as every code with its extra bits is. A 32-bit
+// core shifts the two halves itself in half the steps of a 64-bit shift by any amount.
+inline uint64_t ShortShift(uint64_t hold, uint32_t n) {
+#if UINTPTR_MAX == 0xffffffffu
+    if (n == 0 || n > 31) __builtin_unreachable();
+    const uint32_t low = static_cast<uint32_t>(hold), high = static_cast<uint32_t>(hold >> 32);
+    return (uint64_t{high >> n} << 32) | ((low >> n) | (high << (32 - n)));
+#else
+    return hold >> n;
+#endif
+}
+
 // Non-overlapping copy in 16-byte chunks (may write up to 15 bytes past the end).
 inline void CopyChunks(unsigned char* out, const unsigned char* src, uint32_t len) {
     unsigned char* const end = out + len;
@@ -647,12 +659,13 @@ void Stream::InflateFast(unsigned long start) {
         bits |= 56;
     };
     auto consume = [&](uint32_t n) {
-        hold >>= n;
+        hold = ShortShift(hold, n);
         bits -= n;
     };
     auto isLiteral = [](uint32_t e) { return static_cast<int32_t>(e) < 0; };
     auto extraValue = [&](uint32_t e) {
-        return Value(e) + static_cast<uint32_t>((hold >> CodeBits(e)) & LowMask(ExtraBits(e)));
+        return Value(e) +
+               static_cast<uint32_t>(ShortShift(hold, CodeBits(e)) & LowMask(ExtraBits(e)));
     };
     const bool enough = availIn >= kFastInput && availOut >= kFastOutput;
     const unsigned char* const inLast = enough ? inEnd - kFastInput : in;
@@ -673,7 +686,7 @@ void Stream::InflateFast(unsigned long start) {
         if (bits < 48) refill();
         if (e & kSubtable) {
             // Codes longer than the root: literals among them are written right away.
-            e = lcodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
+            e = lcodes[Value(e) + (ShortShift(hold, lengthBits) & LowMask(ExtraBits(e)))];
             if (isLiteral(e)) {
                 consume(CodeBits(e));
                 *out++ = static_cast<unsigned char>(Value(e));
@@ -697,7 +710,7 @@ void Stream::InflateFast(unsigned long start) {
         uint32_t d = dcodes[hold & dmask];
         if (d & (kSubtable | kInvalid)) {
             if (d & kSubtable)
-                d = dcodes[Value(d) + ((hold >> distanceBits) & LowMask(ExtraBits(d)))];
+                d = dcodes[Value(d) + (ShortShift(hold, distanceBits) & LowMask(ExtraBits(d)))];
             if (d & kInvalid) {
                 mode = kModeError;
                 break;
