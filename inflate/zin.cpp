@@ -36,6 +36,13 @@ inline uint64_t Load64(const unsigned char* p) {
     return v;
 }
 
+inline void Store64(unsigned char* p, uint64_t v) {
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    v = __builtin_bswap64(v);
+#endif
+    std::memcpy(p, &v, sizeof v);
+}
+
 inline void Copy16(unsigned char* dst, const unsigned char* src) {
     std::memcpy(dst, src, 16);
 }
@@ -464,18 +471,24 @@ inline void CopyMatchWide(unsigned char* out, uint32_t dist, uint32_t len) {
         } while (out < end);
         return;
     }
-    // A short distance repeats a pattern of `dist` bytes: build 16 bytes of it, then store it
-    // every `step` bytes, the largest multiple of the period that fits in 16.
-    unsigned char pattern[16];
-    if (dist == 1) {
-        std::memset(pattern, src[0], 16);
+    // A short distance repeats a pattern of `dist` bytes: build at least 16 bytes of it with a
+    // few wide moves, then store 16 bytes every `step` bytes, the largest multiple of the
+    // period that the built part holds.
+    unsigned char pattern[24];
+    uint32_t built = 16;
+    if (dist < 8) {
+        uint64_t bytes = Load64(src) & LowMask(8 * dist);
+        for (uint32_t have = dist; have < 8; have *= 2)
+            bytes |= bytes << (8 * have);
+        const uint32_t whole = 8 - 8 % dist;  // the same 8 bytes again, whole periods on
+        Store64(pattern, bytes);
+        Store64(pattern + whole, bytes);
+        built = whole + 8;
     } else {
-        for (uint32_t i = 0; i < dist; ++i)
-            pattern[i] = src[i];
-        for (uint32_t have = dist; have < 16; have *= 2)
-            std::memcpy(pattern + have, pattern, have < 16 - have ? have : 16 - have);
+        std::memcpy(pattern, src, 16);
+        std::memcpy(pattern + dist, pattern, 8);
     }
-    const uint32_t step = 16 - 16 % dist;
+    const uint32_t step = built - built % dist;
     do {
         std::memcpy(out, pattern, 16);
         out += step;
@@ -491,6 +504,18 @@ inline void CopyMatchExact(unsigned char* out, uint32_t dist, uint32_t len) {
     }
     for (uint32_t i = 0; i < len; ++i)
         out[i] = src[i];
+}
+
+// The bit buffer shifted down by 1 to 31 bits, as every code with its extra bits is. A 32-bit
+// core shifts the two halves itself in half the steps of a 64-bit shift by any amount.
+inline uint64_t ShortShift(uint64_t hold, uint32_t n) {
+#if UINTPTR_MAX == 0xffffffffu
+    if (n == 0 || n > 31) __builtin_unreachable();
+    const uint32_t low = static_cast<uint32_t>(hold), high = static_cast<uint32_t>(hold >> 32);
+    return (uint64_t{high >> n} << 32) | ((low >> n) | (high << (32 - n)));
+#else
+    return hold >> n;
+#endif
 }
 
 // Non-overlapping copy in 16-byte chunks (may write up to 15 bytes past the end).
@@ -583,6 +608,7 @@ void Stream::Reset() {
     check = 0;
     mode = kModeHeader;
     last = 0;
+    historyInOutput = 0;
     windowFill = windowPos = 0;
     bitBuffer = 0;
     bitCount = 0;
@@ -607,8 +633,12 @@ void Stream::InflateFast(unsigned long start) {
     const unsigned char* const inEnd = in + availIn;
     unsigned char* out = nextOut;
     unsigned char* const outEnd = out + availOut;
-    // First byte produced by this call: distances reaching before it are served by the window.
-    unsigned char* const outBegin = out - (static_cast<uint32_t>(start) - availOut);
+    // Earliest output still in memory: this call's, and the history before it when the output
+    // keeps it. Distances reaching further back are served by the window.
+    const uint32_t inMemory =
+        static_cast<uint32_t>(start) - availOut + (historyInOutput ? windowFill : 0);
+    unsigned char* const outBegin = out - inMemory;
+    const uint32_t windowHeld = historyInOutput ? 0 : windowFill;
     uint64_t hold = bitBuffer;
     uint32_t bits = bitCount;
     const uint32_t* const lcodes = lengthCodes;
@@ -629,12 +659,13 @@ void Stream::InflateFast(unsigned long start) {
         bits |= 56;
     };
     auto consume = [&](uint32_t n) {
-        hold >>= n;
+        hold = ShortShift(hold, n);
         bits -= n;
     };
     auto isLiteral = [](uint32_t e) { return static_cast<int32_t>(e) < 0; };
     auto extraValue = [&](uint32_t e) {
-        return Value(e) + static_cast<uint32_t>((hold >> CodeBits(e)) & LowMask(ExtraBits(e)));
+        return Value(e) +
+               static_cast<uint32_t>(ShortShift(hold, CodeBits(e)) & LowMask(ExtraBits(e)));
     };
     const bool enough = availIn >= kFastInput && availOut >= kFastOutput;
     const unsigned char* const inLast = enough ? inEnd - kFastInput : in;
@@ -655,7 +686,7 @@ void Stream::InflateFast(unsigned long start) {
         if (bits < 48) refill();
         if (e & kSubtable) {
             // Codes longer than the root: literals among them are written right away.
-            e = lcodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
+            e = lcodes[Value(e) + (ShortShift(hold, lengthBits) & LowMask(ExtraBits(e)))];
             if (isLiteral(e)) {
                 consume(CodeBits(e));
                 *out++ = static_cast<unsigned char>(Value(e));
@@ -679,7 +710,7 @@ void Stream::InflateFast(unsigned long start) {
         uint32_t d = dcodes[hold & dmask];
         if (d & (kSubtable | kInvalid)) {
             if (d & kSubtable)
-                d = dcodes[Value(d) + ((hold >> distanceBits) & LowMask(ExtraBits(d)))];
+                d = dcodes[Value(d) + (ShortShift(hold, distanceBits) & LowMask(ExtraBits(d)))];
             if (d & kInvalid) {
                 mode = kModeError;
                 break;
@@ -696,13 +727,13 @@ void Stream::InflateFast(unsigned long start) {
             break;
         }
         const bool wide = len + 16 <= room;
-        const uint32_t written = static_cast<uint32_t>(out - outBegin);
-        // The part of the match before this call's output comes from the window, which is
+        const uint32_t held = static_cast<uint32_t>(out - outBegin);
+        // The part of the match before the output in memory comes from the window, which is
         // contiguous for a whole match thanks to its mirrored start.
         uint32_t fromWindow = 0;
-        if (dist > written) {
-            const uint32_t back = dist - written;
-            if (back > windowFill) {
+        if (dist > held) {
+            const uint32_t back = dist - held;
+            if (back > windowHeld) {
                 mode = kModeError;
                 break;
             }
@@ -771,6 +802,330 @@ void AppendToWindow(Stream& s, const unsigned char* p, uint32_t n) {
     s.windowFill = s.windowFill + n < kWindowSize ? s.windowFill + n : kWindowSize;
 }
 
+// What one Inflate call works on: the input with its bit buffer, the output, the output space
+// the call began with, and how far the output is already in the Adler-32.
+struct Call {
+    BitReader r;
+    unsigned char* out;
+    uint32_t room;
+    uint32_t outStart;
+    unsigned char* checked;
+
+    uint32_t Produced() const { return outStart - room; }
+};
+
+// Each state below does the work of one mode and answers whether the machine can go on: false
+// when it waits for more input or output space, or has failed (the mode then says so).
+
+bool Fail(Stream& s) {
+    s.mode = kModeError;
+    return false;
+}
+
+// The zlib header: CMF and FLG together a multiple of 31, method 8 (deflate), a window of at
+// most 32 KiB. A preset dictionary is announced by FLG's bit 5.
+bool ZlibHeader(Stream& s, Call& c) {
+    if (!c.r.Need(16)) return false;
+    const uint32_t cmf = c.r.Peek(8);
+    const uint32_t flg = c.r.Peek(16) >> 8;
+    if ((cmf * 256 + flg) % 31 != 0 || (cmf & 15) != 8 || (cmf >> 4) > 7) return Fail(s);
+    c.r.Drop(16);
+    s.check = 1;
+    s.mode = (flg & 0x20) ? kModeDictionary : kModeBlock;
+    return true;
+}
+
+// Preset dictionaries are refused; the identifier is kept for the record.
+bool DictionaryIdentifier(Stream& s, Call& c) {
+    if (!c.r.Need(32)) return false;
+    s.check = ByteSwap32(c.r.Peek(32));
+    c.r.Drop(32);
+    return Fail(s);
+}
+
+// A block header: BFINAL, then BTYPE (stored, fixed codes, dynamic codes; 3 is reserved).
+// After the final block comes the trailer.
+bool BlockHeader(Stream& s, Call& c) {
+    if (s.last) {
+        s.mode = kModeTrailer;
+        return true;
+    }
+    if (!c.r.Need(3)) return false;
+    s.last = static_cast<uint8_t>(c.r.Peek(1));
+    const uint32_t type = c.r.Peek(3) >> 1;
+    c.r.Drop(3);
+    if (type == 0) {
+        s.mode = kModeStored;
+    } else if (type == 1) {
+        s.UseFixedTables();
+        s.mode = kModeLength;
+    } else if (type == 2) {
+        s.mode = kModeTable;
+    } else {
+        return Fail(s);
+    }
+    return true;
+}
+
+// A stored block starts at a byte boundary with LEN and its ones' complement NLEN.
+bool StoredHeader(Stream& s, Call& c) {
+    c.r.Drop(c.r.bits & 7);
+    if (!c.r.Need(32)) return false;
+    const uint32_t len = c.r.Peek(16);
+    const uint32_t nlen = c.r.Peek(32) >> 16;
+    if (len != (~nlen & 0xffff)) return Fail(s);
+    c.r.Drop(32);
+    s.length = len;
+    s.mode = kModeCopy;
+    return true;
+}
+
+// A stored block's LEN bytes: whole bytes still in the bit buffer first, then straight from
+// the input.
+bool StoredCopy(Stream& s, Call& c) {
+    BitReader& r = c.r;
+    while (s.length > 0 && c.room > 0 && r.bits >= 8) {
+        *c.out++ = static_cast<unsigned char>(r.hold);
+        r.Drop(8);
+        --c.room;
+        --s.length;
+    }
+    uint32_t n = s.length;
+    if (n > r.have) n = r.have;
+    if (n > c.room) n = c.room;
+    std::memcpy(c.out, r.next, n);
+    c.out += n;
+    c.room -= n;
+    r.next += n;
+    r.have -= n;
+    s.length -= n;
+    if (s.length != 0) return false;
+    s.mode = kModeBlock;
+    return true;
+}
+
+// A dynamic block's counts: HLIT + 257 literal/length codes (at most 286), HDIST + 1 distance
+// codes (at most 30), HCLEN + 4 code-length codes.
+bool DynamicHeader(Stream& s, Call& c) {
+    if (!c.r.Need(14)) return false;
+    s.literalCount = c.r.Peek(5) + 257;
+    s.distanceCount = (c.r.Peek(10) >> 5) + 1;
+    s.codeLengthCount = (c.r.Peek(14) >> 10) + 4;
+    c.r.Drop(14);
+    if (s.literalCount > 286 || s.distanceCount > 30) return Fail(s);
+    s.haveCount = 0;
+    s.mode = kModeCodeLengthCode;
+    return true;
+}
+
+// The code-length code: 3 bits per length in the permuted order, the unsent ones zero; the
+// lengths must form a complete code.
+bool CodeLengthCode(Stream& s, Call& c) {
+    while (s.haveCount < s.codeLengthCount && c.r.Need(3)) {
+        s.lens[kCodeLengthOrder[s.haveCount++]] = static_cast<uint16_t>(c.r.Peek(3));
+        c.r.Drop(3);
+    }
+    if (s.haveCount < s.codeLengthCount) return false;
+    while (s.haveCount < 19)
+        s.lens[kCodeLengthOrder[s.haveCount++]] = 0;
+    uint32_t root = kCodeLengthRoot;
+    if (!BuildTable(Code::CodeLengths, s.lens, 19, &root, s.codes, kTableSpace, s.work))
+        return Fail(s);
+    s.lengthCodes = s.codes;
+    s.lengthBits = root;
+    s.haveCount = 0;
+    s.mode = kModeCodeLengths;
+    return true;
+}
+
+// The literal/length and distance code lengths, one sequence for both: 0-15 are lengths, 16
+// repeats the previous length 3-6 times, 17 and 18 repeat zero 3-10 and 11-138 times; no
+// repeat may run past the end. Then both decoding tables are built.
+bool CodeLengths(Stream& s, Call& c) {
+    BitReader& r = c.r;
+    const uint32_t wanted = s.literalCount + s.distanceCount;
+    while (s.haveCount < wanted) {
+        uint32_t e;
+        if (!r.Decode(s.lengthCodes, s.lengthBits, &e)) return false;
+        const uint32_t symbol = Value(e);
+        if (symbol < 16) {
+            r.Drop(CodeBits(e));
+            s.lens[s.haveCount++] = static_cast<uint16_t>(symbol);
+            continue;
+        }
+        const uint32_t extraBits = symbol == 16 ? 2 : symbol == 17 ? 3 : 7;
+        if (!r.Need(CodeBits(e) + extraBits)) return false;
+        r.Drop(CodeBits(e));
+        uint32_t value = 0;
+        if (symbol == 16) {
+            if (s.haveCount == 0) return Fail(s);
+            value = s.lens[s.haveCount - 1];
+        }
+        const uint32_t repeat = r.Peek(extraBits) + (symbol == 18 ? 11 : 3);
+        r.Drop(extraBits);
+        if (s.haveCount + repeat > wanted) return Fail(s);
+        for (uint32_t i = 0; i < repeat; ++i)
+            s.lens[s.haveCount++] = static_cast<uint16_t>(value);
+    }
+    if (!BuildBlockTables(s)) return Fail(s);
+    s.mode = kModeLength;
+    return true;
+}
+
+// Hands the call to the fast loop while it has the input and space a pass needs; the loop
+// leaves a match that does not fit, the end of the block and errors to the states.
+void RunFastLoop(Stream& s, Call& c) {
+    s.nextIn = c.r.next;
+    s.availIn = c.r.have;
+    s.bitBuffer = c.r.hold;
+    s.bitCount = c.r.bits;
+    s.nextOut = c.out;
+    s.availOut = c.room;
+    s.InflateFast(c.outStart);
+    c.r = BitReader{s.nextIn, s.availIn, s.bitBuffer, s.bitCount};
+    c.out = s.nextOut;
+    c.room = s.availOut;
+}
+
+// A literal/length symbol: a literal byte, the end of the block, or the base of a match length
+// with its count of extra bits.
+bool LengthSymbol(Stream& s, Call& c) {
+    if (c.r.have >= kFastInput && c.room >= kFastOutput) {
+        RunFastLoop(s, c);
+        if (s.mode != kModeLength) return true;
+    }
+    uint32_t e;
+    if (!c.r.Decode(s.lengthCodes, s.lengthBits, &e)) return false;
+    if (e & kInvalid) return Fail(s);
+    c.r.Drop(CodeBits(e));
+    if (e & kLiteral) {
+        if (c.room > 0) {
+            *c.out++ = static_cast<unsigned char>(Value(e));
+            --c.room;
+            return true;
+        }
+        s.length = Value(e);
+        s.mode = kModeLiteral;
+    } else if (e & kEndOfBlock) {
+        s.mode = kModeBlock;
+    } else {
+        s.length = Value(e);
+        s.extra = ExtraBits(e);
+        s.mode = kModeLengthExtra;
+    }
+    return true;
+}
+
+bool LengthExtra(Stream& s, Call& c) {
+    if (!c.r.Need(s.extra)) return false;
+    s.length += c.r.Peek(s.extra);
+    c.r.Drop(s.extra);
+    s.mode = kModeDistance;
+    return true;
+}
+
+// A distance symbol: the base of the distance with its count of extra bits.
+bool DistanceSymbol(Stream& s, Call& c) {
+    uint32_t e;
+    if (!c.r.Decode(s.distanceCodes, s.distanceBits, &e)) return false;
+    if (e & kInvalid) return Fail(s);
+    c.r.Drop(CodeBits(e));
+    s.distance = Value(e);
+    s.extra = ExtraBits(e);
+    s.mode = kModeDistanceExtra;
+    return true;
+}
+
+// The distance's extra bits; a distance may not reach before the start of the stream.
+bool DistanceExtra(Stream& s, Call& c) {
+    if (!c.r.Need(s.extra)) return false;
+    s.distance += c.r.Peek(s.extra);
+    c.r.Drop(s.extra);
+    if (s.distance > c.Produced() + s.windowFill) return Fail(s);
+    s.mode = kModeMatch;
+    return true;
+}
+
+// Copies as much of the match as the output space takes: from the window where it reaches
+// before the output in memory, else from the output itself.
+bool Match(Stream& s, Call& c) {
+    if (c.room == 0) return false;
+    uint32_t n = s.length < c.room ? s.length : c.room;
+    const uint32_t held = c.Produced() + (s.historyInOutput ? s.windowFill : 0);
+    if (s.distance > held) {
+        const uint32_t back = s.distance - held;
+        if (n > back) n = back;
+        const uint32_t pos = s.windowPos;
+        std::memcpy(c.out, s.window + (back <= pos ? pos - back : pos + kWindowSize - back), n);
+    } else {
+        CopyMatchExact(c.out, s.distance, n);
+    }
+    c.out += n;
+    c.room -= n;
+    s.length -= n;
+    if (s.length == 0) s.mode = kModeLength;
+    return true;
+}
+
+// A literal that found no output space when it was decoded.
+bool PendingLiteral(Stream& s, Call& c) {
+    if (c.room == 0) return false;
+    *c.out++ = static_cast<unsigned char>(s.length);
+    --c.room;
+    s.mode = kModeLength;
+    return true;
+}
+
+// The zlib trailer at the next byte boundary: the Adler-32 of all output, most significant
+// byte first.
+bool Trailer(Stream& s, Call& c) {
+    c.r.Drop(c.r.bits & 7);
+    if (!c.r.Need(32)) return false;
+    s.check = Adler32(s.check, c.checked, static_cast<uint32_t>(c.out - c.checked));
+    c.checked = c.out;
+    if (ByteSwap32(c.r.Peek(32)) != s.check) return Fail(s);
+    c.r.Drop(32);
+    s.mode = kModeDone;
+    return true;
+}
+
+bool Step(Stream& s, Call& c) {
+    switch (s.mode) {
+        case kModeHeader:
+            return ZlibHeader(s, c);
+        case kModeDictionary:
+            return DictionaryIdentifier(s, c);
+        case kModeBlock:
+            return BlockHeader(s, c);
+        case kModeStored:
+            return StoredHeader(s, c);
+        case kModeCopy:
+            return StoredCopy(s, c);
+        case kModeTable:
+            return DynamicHeader(s, c);
+        case kModeCodeLengthCode:
+            return CodeLengthCode(s, c);
+        case kModeCodeLengths:
+            return CodeLengths(s, c);
+        case kModeLength:
+            return LengthSymbol(s, c);
+        case kModeLengthExtra:
+            return LengthExtra(s, c);
+        case kModeDistance:
+            return DistanceSymbol(s, c);
+        case kModeDistanceExtra:
+            return DistanceExtra(s, c);
+        case kModeMatch:
+            return Match(s, c);
+        case kModeLiteral:
+            return PendingLiteral(s, c);
+        case kModeTrailer:
+            return Trailer(s, c);
+        default:  // done or error
+            return false;
+    }
+}
+
 }  // namespace
 
 int Stream::Inflate(zio::FlushMode flush) {
@@ -778,355 +1133,53 @@ int Stream::Inflate(zio::FlushMode flush) {
         return kBadCall;
 
     const uint32_t inStart = availIn;
-    const uint32_t outStart = availOut;
     unsigned char* const outBegin = nextOut;
-    unsigned char* checked = outBegin;  // output up to here is already in `check`
-    BitReader r{nextIn, availIn, bitBuffer, bitCount};
-    unsigned char* out = nextOut;
-    uint32_t room = availOut;
-
-    auto fail = [&]() { mode = kModeError; };
-    auto produced = [&]() { return outStart - room; };
-
-    for (bool running = true; running;) {
-        switch (mode) {
-            case kModeHeader: {
-                if (!r.Need(16)) {
-                    running = false;
-                    break;
-                }
-                const uint32_t cmf = r.Peek(8);
-                const uint32_t flg = (r.Peek(16) >> 8);
-                if ((cmf * 256 + flg) % 31 != 0 || (cmf & 15) != 8 || (cmf >> 4) > 7) {
-                    fail();
-                    break;
-                }
-                r.Drop(16);
-                check = 1;
-                mode = (flg & 0x20) ? kModeDictionary : kModeBlock;
-                break;
-            }
-            case kModeDictionary:
-                // Preset dictionaries are refused; the identifier is kept for the record.
-                if (!r.Need(32)) {
-                    running = false;
-                    break;
-                }
-                check = ByteSwap32(r.Peek(32));
-                r.Drop(32);
-                fail();
-                break;
-            case kModeBlock: {
-                if (last) {
-                    mode = kModeTrailer;
-                    break;
-                }
-                if (!r.Need(3)) {
-                    running = false;
-                    break;
-                }
-                last = static_cast<uint8_t>(r.Peek(1));
-                const uint32_t type = r.Peek(3) >> 1;
-                r.Drop(3);
-                if (type == 0) {
-                    mode = kModeStored;
-                } else if (type == 1) {
-                    UseFixedTables();
-                    mode = kModeLength;
-                } else if (type == 2) {
-                    mode = kModeTable;
-                } else {
-                    fail();
-                }
-                break;
-            }
-            case kModeStored: {
-                r.Drop(r.bits & 7);
-                if (!r.Need(32)) {
-                    running = false;
-                    break;
-                }
-                const uint32_t len = r.Peek(16);
-                const uint32_t nlen = r.Peek(32) >> 16;
-                if (len != (~nlen & 0xffff)) {
-                    fail();
-                    break;
-                }
-                r.Drop(32);
-                length = len;
-                mode = kModeCopy;
-                break;
-            }
-            case kModeCopy: {
-                // Whole bytes still in the bit buffer come first, then straight from the input.
-                while (length > 0 && room > 0 && r.bits >= 8) {
-                    *out++ = static_cast<unsigned char>(r.hold);
-                    r.Drop(8);
-                    --room;
-                    --length;
-                }
-                uint32_t n = length;
-                if (n > r.have) n = r.have;
-                if (n > room) n = room;
-                std::memcpy(out, r.next, n);
-                out += n;
-                room -= n;
-                r.next += n;
-                r.have -= n;
-                length -= n;
-                if (length == 0) {
-                    mode = kModeBlock;
-                } else {
-                    running = false;
-                }
-                break;
-            }
-            case kModeTable:
-                if (!r.Need(14)) {
-                    running = false;
-                    break;
-                }
-                literalCount = r.Peek(5) + 257;
-                distanceCount = r.Peek(10) >> 5;
-                distanceCount += 1;
-                codeLengthCount = (r.Peek(14) >> 10) + 4;
-                r.Drop(14);
-                if (literalCount > 286 || distanceCount > 30) {
-                    fail();
-                    break;
-                }
-                haveCount = 0;
-                mode = kModeCodeLengthCode;
-                break;
-            case kModeCodeLengthCode: {
-                while (haveCount < codeLengthCount && r.Need(3)) {
-                    lens[kCodeLengthOrder[haveCount++]] = static_cast<uint16_t>(r.Peek(3));
-                    r.Drop(3);
-                }
-                if (haveCount < codeLengthCount) {
-                    running = false;
-                    break;
-                }
-                while (haveCount < 19)
-                    lens[kCodeLengthOrder[haveCount++]] = 0;
-                uint32_t root = kCodeLengthRoot;
-                if (!BuildTable(Code::CodeLengths, lens, 19, &root, codes, kTableSpace, work)) {
-                    fail();
-                    break;
-                }
-                lengthCodes = codes;
-                lengthBits = root;
-                haveCount = 0;
-                mode = kModeCodeLengths;
-                break;
-            }
-            case kModeCodeLengths: {
-                const uint32_t wanted = literalCount + distanceCount;
-                bool ok = true;
-                while (haveCount < wanted) {
-                    uint32_t e;
-                    if (!r.Decode(lengthCodes, lengthBits, &e)) {
-                        running = false;
-                        break;
-                    }
-                    const uint32_t symbol = Value(e);
-                    if (symbol < 16) {
-                        r.Drop(CodeBits(e));
-                        lens[haveCount++] = static_cast<uint16_t>(symbol);
-                        continue;
-                    }
-                    // Repeat codes: 16 repeats the previous length 3-6 times, 17 and 18 repeat
-                    // zero 3-10 and 11-138 times.
-                    const uint32_t extraBits = symbol == 16 ? 2 : symbol == 17 ? 3 : 7;
-                    if (!r.Need(CodeBits(e) + extraBits)) {
-                        running = false;
-                        break;
-                    }
-                    r.Drop(CodeBits(e));
-                    uint32_t value = 0;
-                    if (symbol == 16) {
-                        if (haveCount == 0) {
-                            ok = false;
-                            break;
-                        }
-                        value = lens[haveCount - 1];
-                    }
-                    const uint32_t repeat = r.Peek(extraBits) + (symbol == 18 ? 11 : 3);
-                    r.Drop(extraBits);
-                    if (haveCount + repeat > wanted) {
-                        ok = false;
-                        break;
-                    }
-                    for (uint32_t i = 0; i < repeat; ++i)
-                        lens[haveCount++] = static_cast<uint16_t>(value);
-                }
-                if (!ok || (running && !BuildBlockTables(*this))) {
-                    fail();
-                    break;
-                }
-                if (running) mode = kModeLength;
-                break;
-            }
-            case kModeLength: {
-                // The fast loop also serves the end of a short row: it leaves a match that does
-                // not fit to the states below, which copy it in parts.
-                if (r.have >= kFastInput && room >= kFastOutput) {
-                    nextIn = r.next;
-                    availIn = r.have;
-                    bitBuffer = r.hold;
-                    bitCount = r.bits;
-                    nextOut = out;
-                    availOut = room;
-                    InflateFast(outStart);
-                    r = BitReader{nextIn, availIn, bitBuffer, bitCount};
-                    out = nextOut;
-                    room = availOut;
-                    if (mode != kModeLength) break;
-                }
-                uint32_t e;
-                if (!r.Decode(lengthCodes, lengthBits, &e)) {
-                    running = false;
-                    break;
-                }
-                if (e & kInvalid) {
-                    fail();
-                    break;
-                }
-                r.Drop(CodeBits(e));
-                if (e & kLiteral) {
-                    if (room > 0) {
-                        *out++ = static_cast<unsigned char>(Value(e));
-                        --room;
-                        break;
-                    }
-                    length = Value(e);
-                    mode = kModeLiteral;
-                } else if (e & kEndOfBlock) {
-                    mode = kModeBlock;
-                } else {
-                    length = Value(e);
-                    extra = ExtraBits(e);
-                    mode = kModeLengthExtra;
-                }
-                break;
-            }
-            case kModeLengthExtra:
-                if (!r.Need(extra)) {
-                    running = false;
-                    break;
-                }
-                length += r.Peek(extra);
-                r.Drop(extra);
-                mode = kModeDistance;
-                break;
-            case kModeDistance: {
-                uint32_t e;
-                if (!r.Decode(distanceCodes, distanceBits, &e)) {
-                    running = false;
-                    break;
-                }
-                if (e & kInvalid) {
-                    fail();
-                    break;
-                }
-                r.Drop(CodeBits(e));
-                distance = Value(e);
-                extra = ExtraBits(e);
-                mode = kModeDistanceExtra;
-                break;
-            }
-            case kModeDistanceExtra:
-                if (!r.Need(extra)) {
-                    running = false;
-                    break;
-                }
-                distance += r.Peek(extra);
-                r.Drop(extra);
-                if (distance > produced() + windowFill) {
-                    fail();
-                    break;
-                }
-                mode = kModeMatch;
-                break;
-            case kModeMatch: {
-                if (room == 0) {
-                    running = false;
-                    break;
-                }
-                uint32_t n = length < room ? length : room;
-                const uint32_t written = produced();
-                if (distance > written) {
-                    const uint32_t back = distance - written;
-                    if (n > back) n = back;
-                    const unsigned char* src =
-                        window +
-                        (back <= windowPos ? windowPos - back : windowPos + kWindowSize - back);
-                    std::memcpy(out, src, n);
-                } else {
-                    CopyMatchExact(out, distance, n);
-                }
-                out += n;
-                room -= n;
-                length -= n;
-                if (length == 0) mode = kModeLength;
-                break;
-            }
-            case kModeLiteral:
-                if (room == 0) {
-                    running = false;
-                    break;
-                }
-                *out++ = static_cast<unsigned char>(length);
-                --room;
-                mode = kModeLength;
-                break;
-            case kModeTrailer: {
-                r.Drop(r.bits & 7);
-                if (!r.Need(32)) {
-                    running = false;
-                    break;
-                }
-                check = Adler32(check, checked, static_cast<uint32_t>(out - checked));
-                checked = out;
-                if (ByteSwap32(r.Peek(32)) != check) {
-                    fail();
-                    break;
-                }
-                r.Drop(32);
-                mode = kModeDone;
-                break;
-            }
-            default:  // done or error
-                running = false;
-                break;
-        }
+    Call c{BitReader{nextIn, availIn, bitBuffer, bitCount}, nextOut, availOut, availOut, nextOut};
+    while (Step(*this, c)) {
     }
 
-    nextIn = r.next;
-    availIn = r.have;
-    bitBuffer = r.hold;
-    bitCount = r.bits;
-    nextOut = out;
-    availOut = room;
+    nextIn = c.r.next;
+    availIn = c.r.have;
+    bitBuffer = c.r.hold;
+    bitCount = c.r.bits;
+    nextOut = c.out;
+    availOut = c.room;
     const uint32_t consumed = inStart - availIn;
-    const uint32_t made = produced();
+    const uint32_t made = c.Produced();
     totalIn += consumed;
     totalOut += made;
     if (mode == kModeError) return kDataError;
-    AppendToWindow(*this, outBegin, made);
-    check = Adler32(check, checked, static_cast<uint32_t>(out - checked));
+    if (historyInOutput) {
+        windowFill = windowFill + made < kWindowSize ? windowFill + made : kWindowSize;
+    } else {
+        AppendToWindow(*this, outBegin, made);
+    }
+    check = Adler32(check, c.checked, static_cast<uint32_t>(c.out - c.checked));
     if (mode == kModeDone) return kStreamEnd;
     if ((consumed == 0 && made == 0) || flush == zio::FlushFinish) return kNoProgress;
     return kOk;
 }
 
+void Stream::KeepHistoryInOutput() {
+    historyInOutput = 1;
+}
+
+void Stream::KeepHistoryInWindow() {
+    if (!historyInOutput) return;
+    historyInOutput = 0;
+    const uint32_t held = windowFill;
+    windowFill = windowPos = 0;
+    AppendToWindow(*this, nextOut - held, held);
+}
+
 int Decompress(unsigned char* destination, unsigned int& destinationLength,
                unsigned char const* source, unsigned int sourceLength) {
-    constexpr uint32_t kPageSize = 4096;
+    // Pages large enough that the inflater runs long stretches per call.
+    constexpr uint32_t kPageSize = 65536;
     // The output can never exceed what a 32-bit size counts: stop collecting pages before the
     // total would wrap, since such a result cannot fit any destination.
     constexpr uint32_t kMaxPages = UINT32_MAX / kPageSize;
-    Stream stream{};
+    Stream stream;
     stream.Reset();
     stream.nextIn = source;
     stream.availIn = sourceLength;

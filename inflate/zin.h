@@ -35,9 +35,15 @@ inline constexpr uint32_t kMaxMatch = 258;
 // Slack after the mirror for copies that read whole 16-byte chunks.
 inline constexpr uint32_t kWindowSlack = 16;
 
-// An incremental inflater. A plain structure: its owner zero-fills it, then calls Reset(),
-// points it at input and output and calls Inflate() until it answers kStreamEnd. Tables
-// point into the structure itself, so it must not be copied once in use.
+// An incremental inflater. A plain structure that needs no zero-filling: its owner calls
+// Reset(), points it at input and output and calls Inflate() until it answers kStreamEnd.
+// Tables point into the structure itself, so it must not be copied once in use.
+//
+// By default every call may write to new memory, and the window keeps the history that
+// matches reach back into. An owner that writes the whole stream into memory that stays put
+// calls KeepHistoryInOutput(): from then on each call's output must directly follow the last
+// call's, with up to kWindowSize bytes of earlier output still in place before it, and matches
+// read that memory instead of the window, which is neither read nor written.
 struct Stream {
     const unsigned char* nextIn;
     uint32_t availIn;
@@ -49,8 +55,9 @@ struct Stream {
 
     // Decoding state, private to the inflater.
     uint32_t mode;
-    uint8_t last;         // the block being decoded is the final one
-    uint32_t windowFill;  // bytes of history held, up to kWindowSize
+    uint8_t last;             // the block being decoded is the final one
+    uint8_t historyInOutput;  // the history sits in memory before nextOut, not in the window
+    uint32_t windowFill;  // bytes of history held (in the window or the output), up to kWindowSize
     uint32_t windowPos;   // next write position in the circular window
     uint64_t bitBuffer;   // pending input bits, least significant first; unused bits are 0
     uint32_t bitCount;
@@ -70,9 +77,13 @@ struct Stream {
     uint32_t codes[kTableSpace];
     unsigned char window[kWindowSize + kMaxMatch + kWindowSlack];
 
-    // Back to the start of a stream: counts, totals, mode, window and bit buffer cleared. The
-    // input and output pointers are left for the caller to set.
+    // Back to the start of a stream: counts, totals, mode, window and bit buffer cleared,
+    // history kept in the window. The input and output pointers are left for the caller to set.
     void Reset();
+    // Switches where the history is kept: in the output memory before nextOut, or (again) in
+    // the window, which is then filled from that memory so that output may go anywhere.
+    void KeepHistoryInOutput();
+    void KeepHistoryInWindow();
     // Inflates until the input or the output space runs out, the stream ends or an error
     // occurs: kOk, kStreamEnd (Adler-32 verified, and on every later call), kNoProgress (nothing
     // consumed or produced, or FlushFinish and no end), kDataError (then kBadCall on every call

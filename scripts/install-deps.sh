@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config ninja-build
   libgtest-dev libgmock-dev libbenchmark-dev
-  zlib1g-dev libpng-dev libspng-dev libstb-dev libdeflate-dev
+  zlib1g-dev libpng-dev libspng-dev libstb-dev libdeflate-dev libisal-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   clang-14 libfuzzer-14-dev libclang-rt-14-dev

@@ -151,6 +151,7 @@ Bytes Build(const std::vector<Piece>& pieces) {
 // (enough for every 8-bit type); and a stream with a wrong Adler-32.
 const Bytes kRows = Scanlines(RawImage{2, 2, 8, 2, Bytes(12)}, false, [](int) { return 0; });
 const Bytes kData = Zlib(Join({kRows, Bytes(4)}));
+const Bytes kFirstRowAndAByte = Zlib(Slice(kRows, 0, 8));
 const Bytes kBadAdler = Join({Slice(Zlib(kRows), 0, Zlib(kRows).size() - 1), {0}});
 
 const Piece kRgb = {"IHDR", IhdrData(2, 2, 8, 2)}, kPal = {"IHDR", IhdrData(2, 2, 8, 3)};
@@ -246,6 +247,12 @@ const ChunkCase kChunkCases[] = {
                                   {"IDAT", Slice(kData, 5, kData.size())}, kIend}, 514, true},
     {"SurplusOverTwoIdats", {kRgb, {"IDAT", Slice(kData, 0, 5)}, {"IDAT", Slice(kData, 5, kData.size())}, kIend}, 0, false},
     {"StreamEndsBeforeTheRows", {kRgb, {"IDAT", Zlib(Slice(kRows, 0, 7))}, kIend}, 514, true},
+    // Streams that end as the last row starts: the end read with the last byte looks for more
+    // image data; an end read only from a later IDAT chunk is met by that last row.
+    {"StreamEndsAsTheLastRowStarts", {kRgb, {"IDAT", kFirstRowAndAByte}, kIend}, 514, true},
+    {"TrailerAloneInTheLastIdat", {kRgb, {"IDAT", Slice(kFirstRowAndAByte, 0, kFirstRowAndAByte.size() - 4)},
+                                   {"IDAT", Slice(kFirstRowAndAByte, kFirstRowAndAByte.size() - 4, kFirstRowAndAByte.size())},
+                                   kIend}, 0, false},
     {"StreamCutShort", {kRgb, {"IDAT", Slice(kData, 0, 4)}, kIend}, 514, true},
     {"BadAdler", {kRgb, {"IDAT", kBadAdler}, kIend}, 527, true},
     {"ImageDataNotZlib", {kRgb, {"IDAT", {0x78, 0x9C, 0xFF, 0xFF, 0xFF}}, kIend}, 527, true},

@@ -53,35 +53,53 @@ std::pair<int, Bytes> ZlibInflate(const Bytes& stream) {
     return {result, out};
 }
 
+enum class History { Window, Output, OutputThenWindow };
+
 // Inflates `stream` and junk behind it with one Stream, Reset between feeds: whole; like the PNG
-// decoder (filter bytes, short and long rows, IDAT chunks); and, when `bytewise`, byte by byte.
-// Each feed must end in `result` with `output`, take nothing past the trailer and then repeat the
-// end or give kBadCall. Output lands at a new place each call in a buffer poisoned afterwards, so
-// that reading earlier output instead of the window shows up as wrong bytes.
+// decoder (filter bytes, short and long rows, IDAT chunks); byte by byte when `bytewise`; and in
+// pieces into one buffer that keeps the history, all the way or until half the output. Each feed
+// must end in `result` with `output`, take nothing past the trailer and then repeat the end or
+// give kBadCall. Output kept in the window lands at a new place each call in a buffer poisoned
+// afterwards, so that reading earlier output instead of the window shows up as wrong bytes; a
+// window read while the output keeps the history finds nothing written there.
 void ExpectInflates(const Bytes& stream, int result, const Bytes& output, bool bytewise = true) {
-    const std::pair<size_t, std::vector<uint32_t>> feeds[] = {
-        {SIZE_MAX, {1u << 20}}, {8192, {1, 3001, 257, 40000}}, {1, {1}}};
+    const std::tuple<size_t, std::vector<uint32_t>, History> feeds[] = {
+        {SIZE_MAX, {1u << 20}, History::Window},
+        {8192, {1, 3001, 257, 40000}, History::Window},
+        {1, {1}, History::Window},
+        {8192, {1, 3001, 257, 40000}, History::Output},
+        {5000, {7, 20000, 1}, History::OutputThenWindow}};
     Bytes in = stream;
     in.insert(in.end(), {1, 2, 3, 4, 5});
     auto s = std::make_unique<zin::Stream>();
-    for (const auto& [inPiece, outSizes] : feeds) {
+    for (const auto& [inPiece, outSizes, history] : feeds) {
         if (inPiece == 1 && !bytewise) continue;
-        SCOPED_TRACE(inPiece);
+        SCOPED_TRACE(testing::Message() << inPiece << " " << int(history));
         s->Reset();
+        bool inPlace = history != History::Window;
+        if (inPlace) s->KeepHistoryInOutput();
         int last = zin::kOk;
         Bytes got;
         constexpr size_t kShifts = 61;
-        Bytes buffer(*std::max_element(outSizes.begin(), outSizes.end()) + kShifts, 0xA5);
+        const size_t largest = *std::max_element(outSizes.begin(), outSizes.end());
+        Bytes buffer(largest + kShifts, 0xA5), kept(output.size() + largest);
         for (size_t call = 0; last == zin::kOk && call < 2 * (in.size() + got.size()) + 9; ++call) {
             if (s->availIn == 0) {  // the next piece starts where the totals say
                 s->nextIn = in.data() + s->totalIn;
                 s->availIn = static_cast<uint32_t>(std::min(inPiece, in.size() - s->totalIn));
             }
-            unsigned char* const begin = s->nextOut = buffer.data() + call * 7 % kShifts;
+            if (inPlace && history == History::OutputThenWindow &&
+                2 * got.size() >= output.size()) {
+                s->nextOut = kept.data() + got.size();
+                s->KeepHistoryInWindow();
+                inPlace = false;
+            }
+            unsigned char* const begin = s->nextOut =
+                inPlace ? kept.data() + got.size() : buffer.data() + call * 7 % kShifts;
             s->availOut = outSizes[call % outSizes.size()];
             last = s->Inflate(zio::FlushPartial);
             got.insert(got.end(), begin, s->nextOut);
-            std::fill(begin, s->nextOut, 0xA5);
+            if (!inPlace) std::fill(begin, s->nextOut, 0xA5);
         }
         EXPECT_EQ(last, result);
         EXPECT_TRUE(got == output);

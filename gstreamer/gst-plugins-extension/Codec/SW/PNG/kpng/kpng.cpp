@@ -533,7 +533,7 @@ void Decoder::ReadChunksUntil(int32_t flag, Phase phase) {
 
 void Decoder::Start() {
     alphaDepth = -1;
-    inflater = static_cast<zin::Stream*>(heap.AllocateAndZero(sizeof(zin::Stream)));
+    inflater = static_cast<zin::Stream*>(heap.Allocate(sizeof(zin::Stream)));
     inflater->Reset();
     if (kau::mem::CompareNonNull(GetData(8), kpngSignature, 8) != 0) Fail(kErrSignature);
     ReadChunksUntil(kFlagImageData, Phase::kBeforeImageData);
@@ -721,15 +721,85 @@ int Decoder::InflateZstreamFromIDAT() {
     return result;
 }
 
-// Image data that ends early leaves the rest of `out` zero, so that no pixel of a short image
-// depends on what its memory held before.
+// The rows take their bytes from image data inflated ahead of them into one buffer that also
+// keeps the 32 KiB before it, so that the inflater serves every match from memory rather than
+// from its window. It never inflates more than the rows take, and each request of the rows
+// meets the end of a short stream where inflating request by request would: the first request
+// that starts after that end fetches the next IDAT chunk, when the current one is used up, as
+// that inflating would. Image data that ends early leaves the rest of `out` zero, so that no
+// pixel of a short image depends on what its memory held before.
 void Decoder::InflateInto(unsigned char* out, uint32_t n) {
-    inflater->nextOut = out;
-    inflater->availOut = n;
+    if (rowDataTaken >= rowDataAfterEnd) InflateZstreamFromIDAT();
+    rowDataTaken += n;
+    while (n > 0 && (inflatedNext < inflatedEnd || InflateAhead())) {
+        const uint32_t take = n < inflatedEnd - inflatedNext ? n : inflatedEnd - inflatedNext;
+        memcpy(out, inflated + inflatedNext, take);
+        out += take;
+        n -= take;
+        inflatedNext += take;
+    }
+    if (n != 0) kau::mem::Zero8(out, n);
+}
+
+// Fills the look-ahead buffer with the next image data, first moving its last 32 KiB to the
+// front once it is full; false when the stream has ended or the rows have all they take.
+bool Decoder::InflateAhead() {
+    constexpr uint32_t kAhead = 65536;
+    if (!inflated) {
+        imageDataLeft = ImageDataSize();
+        const uint64_t most = uint64_t{zin::kWindowSize} + kAhead;
+        inflatedSize = uint32_t(imageDataLeft < most ? imageDataLeft : most);
+        inflated = static_cast<unsigned char*>(heap.Allocate(inflatedSize));
+        inflater->KeepHistoryInOutput();
+    }
+    if (imageDataLeft == 0 || imageDataEnded) return false;
+    if (inflatedEnd == inflatedSize) {
+        memmove(inflated, inflated + inflatedEnd - zin::kWindowSize, zin::kWindowSize);
+        inflatedNext = inflatedEnd = zin::kWindowSize;
+    }
+    const uint32_t room = uint32_t(
+        imageDataLeft < inflatedSize - inflatedEnd ? imageDataLeft : inflatedSize - inflatedEnd);
+    inflater->nextOut = inflated + inflatedEnd;
+    inflater->availOut = room;
+    uint32_t madeByLastCall;
     do {
+        const uint32_t before = inflater->availOut;
         InflateZstreamFromIDAT();
+        madeByLastCall = before - inflater->availOut;
     } while (inflater->availOut != 0 && !imageDataEnded);
-    if (inflater->availOut != 0) kau::mem::Zero8(inflater->nextOut, inflater->availOut);
+    const uint32_t made = room - inflater->availOut;
+    inflatedEnd += made;
+    imageDataLeft -= made;
+    imageDataInflated += made;
+    if (imageDataEnded) {
+        // Request by request, the end is met by the request that holds the last byte when the
+        // call that made that byte also read the end; else by the request after that byte.
+        rowDataAfterEnd = imageDataInflated + (madeByLastCall > 0 ? 0 : 1);
+    } else if (imageDataLeft == 0) {
+        // The stream-tail check inflates past the rows into memory of its own.
+        inflater->KeepHistoryInWindow();
+    }
+    return made > 0;
+}
+
+// Bytes of image data the rows take, filter bytes included.
+uint64_t Decoder::ImageDataSize() {
+    const uint32_t pixels = pixelsPerRow;
+    uint64_t size = 0;
+    if (!interlaceMethod) {
+        SetRowGeometry(width);
+        size = uint64_t{height} * (uint64_t{bytesPerRow} + 1);
+    } else {
+        for (const Pass& pass : kPasses) {
+            if (width < pass.minimumWidth || height <= pass.firstRow) continue;
+            SetRowGeometry((width - 1 + pass.columnIncrement - pass.firstColumn) /
+                           pass.columnIncrement);
+            const uint32_t rows = (height - 1 - pass.firstRow) / pass.rowIncrement + 1;
+            size += uint64_t{rows} * (uint64_t{bytesPerRow} + 1);
+        }
+    }
+    SetRowGeometry(pixels);
+    return size;
 }
 
 void Decoder::SetRowGeometry(uint32_t pixels) {

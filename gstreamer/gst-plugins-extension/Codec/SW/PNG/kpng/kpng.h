@@ -203,6 +203,8 @@ class Decoder : public kiu::Decoder {
     // Image data and rows.
     int InflateZstreamFromIDAT();
     void InflateInto(unsigned char* out, uint32_t n);
+    bool InflateAhead();
+    uint64_t ImageDataSize();
     void SetRowGeometry(uint32_t pixels);
     void DecodeRows(unsigned char*& output);
     void DecodeInterlacedRows(unsigned char*& output);
@@ -252,6 +254,16 @@ class Decoder : public kiu::Decoder {
     // Set when the zlib stream ends.
     uint32_t imageDataEnded = 0;
     zin::Stream* inflater = nullptr;
+    // Image data inflated ahead of the rows, after the history its matches read (InflateInto).
+    unsigned char* inflated = nullptr;
+    uint32_t inflatedSize = 0;
+    uint32_t inflatedNext = 0;       // the next byte for the rows
+    uint32_t inflatedEnd = 0;        // the end of what is inflated
+    uint64_t imageDataLeft = 0;      // bytes the rows take that are not inflated yet
+    uint64_t imageDataInflated = 0;  // bytes inflated so far
+    uint64_t rowDataTaken = 0;       // bytes the rows have asked for
+    // The first request of the rows that starts at or past this offset finds the stream ended.
+    uint64_t rowDataAfterEnd = UINT64_MAX;
     // Output pixel (R, G, B, A in memory order) of every palette index or 8-bit grey value,
     // and of every low-depth grey sample; built once before the first row.
     uint32_t pixelTable[256] = {};
