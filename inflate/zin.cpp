@@ -1174,8 +1174,7 @@ void Stream::KeepHistoryInWindow() {
 
 int Decompress(unsigned char* destination, unsigned int& destinationLength,
                unsigned char const* source, unsigned int sourceLength) {
-    // Pages large enough that the inflater runs long stretches per call.
-    constexpr uint32_t kPageSize = 65536;
+    constexpr uint32_t kPageSize = 4096;
     // The output can never exceed what a 32-bit size counts: stop collecting pages before the
     // total would wrap, since such a result cannot fit any destination.
     constexpr uint32_t kMaxPages = UINT32_MAX / kPageSize;
