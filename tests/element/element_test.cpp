@@ -129,9 +129,11 @@ class Harness {
     GstHarness* h;
 };
 
-std::string Caps(int width, int height, const char* framerate) {
+std::string Caps(int width, int height, const char* framerate, const char* aspect = "1/1") {
     return "video/x-raw, format=(string)RGBA, width=(int)" + std::to_string(width) +
-           ", height=(int)" + std::to_string(height) + ", framerate=(fraction)" + framerate;
+           ", height=(int)" + std::to_string(height) +
+           ", interlace-mode=(string)progressive, pixel-aspect-ratio=(fraction)" + aspect +
+           ", colorimetry=(string)sRGB, framerate=(fraction)" + framerate;
 }
 
 const std::string kModules =
