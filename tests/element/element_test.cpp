@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -72,9 +73,13 @@ const char kNotPacketized[] = "image/png";
 class Harness {
   public:
     explicit Harness(const char* sinkCaps) : h(gst_harness_new("kalpng_dec")) {
+        gst_element_set_bus(h->element, bus);
         gst_harness_set_src_caps_str(h, sinkCaps);
     }
-    ~Harness() { gst_harness_teardown(h); }
+    ~Harness() {
+        gst_harness_teardown(h);
+        gst_object_unref(bus);
+    }
 
     // Pushes bytes [from, to) of `bytes`, all of them by default, in one buffer.
     GstFlowReturn Push(const Bytes& bytes, GstClockTime pts = kNone, GstClockTime dur = kNone,
@@ -112,6 +117,28 @@ class Harness {
         }
         return frames;
     }
+    // The messages posted since the last call: "error: <text> (<debug>)", "warning: ..."
+    // or the message type's name. GStreamer opens the debug text with the place it was posted
+    // from, on a line of its own.
+    std::vector<std::string> TakeMessages() {
+        std::vector<std::string> messages;
+        while (GstMessage* message = gst_bus_pop(bus)) {
+            GError* error = nullptr;
+            gchar* debug = nullptr;
+            std::string kind = GST_MESSAGE_TYPE_NAME(message);
+            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
+                gst_message_parse_error(message, &error, &debug);
+            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING)
+                gst_message_parse_warning(message, &error, &debug);
+            const char* detail = debug ? strrchr(debug, '\n') : nullptr;
+            detail = detail ? detail + 1 : debug;
+            messages.push_back(error ? kind + ": " + error->message + " (" + detail + ")" : kind);
+            g_clear_error(&error);
+            g_free(debug);
+            gst_message_unref(message);
+        }
+        return messages;
+    }
     // The events that reached the sink since the last call: type names, or the caps.
     std::vector<std::string> TakeEvents() {
         std::vector<std::string> events;
@@ -126,6 +153,7 @@ class Harness {
         return events;
     }
 
+    GstBus* bus = gst_bus_new();
     GstHarness* h;
 };
 
@@ -348,6 +376,248 @@ TEST(ElementFailure, ErrorFlowWithReportsUntilTheNextStart) {
     Harness other(kPacketized);
     EXPECT_EQ(Printed([&] { flow = other.Push(badSignature); }), Report(kpng, 944));
     EXPECT_EQ(flow, GST_FLOW_ERROR);
+}
+
+// Downstream always gets a time segment; the element's own still clips only time input.
+TEST(ElementSegment, DownstreamGetsATimeSegment) {
+    const struct {
+        GstFormat format;
+        guint64 start;
+        gdouble rate;
+        guint64 startDownstream;
+    } cases[] = {{GST_FORMAT_TIME, kS, 1.0, kS},
+                 {GST_FORMAT_BYTES, 1000, 2.0, 0},
+                 {GST_FORMAT_DEFAULT, 7, 1.0, 0}};
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        GstSegment segment;
+        gst_segment_init(&segment, c.format);
+        segment.start = segment.time = segment.position = c.start;
+        segment.rate = c.rate;
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_segment(&segment)));
+        ASSERT_EQ(h.Push(Png(2, 2, 0), kS), GST_FLOW_OK);
+        const GstSegment* sent = nullptr;
+        while (GstEvent* event = gst_harness_try_pull_event(h.h)) {
+            if (GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT) gst_event_parse_segment(event, &sent);
+            if (sent) {
+                EXPECT_EQ(sent->format, GST_FORMAT_TIME);
+                EXPECT_EQ(sent->start, c.startDownstream);
+                EXPECT_EQ(sent->rate, c.rate);
+                sent = nullptr;
+            }
+            gst_event_unref(event);
+        }
+        EXPECT_EQ(h.Take().times.size(), 1u) << (&c - cases);
+    }
+}
+
+// A pool that refuses because it is flushing ends the push quietly; an empty buffer is a push
+// of nothing.
+TEST(ElementFlow, FlushingPoolAndEmptyBuffersAreNoFailures) {
+    Harness h(kPacketized);
+    Offer offer(h.h, 0);
+    ASSERT_EQ(h.Push(Png(4, 4, 1)), GST_FLOW_OK);
+    gst_buffer_pool_set_flushing(offer.pool, TRUE);
+    GstFlowReturn flow = GST_FLOW_OK;
+    EXPECT_EQ(Printed([&] { flow = h.Push(Png(4, 4, 2)); }), "");
+    EXPECT_EQ(flow, GST_FLOW_FLUSHING);
+    gst_buffer_pool_set_flushing(offer.pool, FALSE);
+
+    const Bytes png = Png(4, 4, 3);
+    const std::pair<size_t, size_t> pieces[] = {{0, 0}, {0, 30}, {30, 30}, {30, png.size()}};
+    EXPECT_EQ(Printed([&] {
+                  for (const auto& [from, to] : pieces)
+                      EXPECT_EQ(h.Push(png, kNone, kNone, from, to), GST_FLOW_OK);
+              }),
+              "");
+    EXPECT_THAT(h.Take().data, ElementsAre(Pixels(4, 4, 1), Pixels(4, 4, 3)));
+    EXPECT_THAT(h.TakeMessages(), ::testing::IsEmpty());
+}
+
+// At the end of the stream the PNGs still held come out in order, then a warning for the
+// bytes of an unfinished one, then the end of the stream.
+TEST(ElementEnd, HeldPngsComeOutAndAnUnfinishedOneIsReported) {
+    const Bytes half = pngtest::Slice(Png(4, 4, 9), 0, 40);
+    const struct {
+        Bytes in;
+        size_t framesAtEnd;
+        std::vector<std::string> messages;
+    } cases[] = {
+        {pngtest::Join({Png(4, 4, 1), Png(4, 4, 2), Png(4, 4, 3), half}),
+         2,
+         {"warning: a PNG ends early (40 bytes discarded)"}},
+        {Png(4, 4, 1), 0, {}},
+        {half, 0, {"warning: a PNG ends early (40 bytes discarded)"}},
+    };
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        ASSERT_EQ(h.Push(c.in), GST_FLOW_OK);
+        const size_t before = h.Take().data.size();
+        h.TakeEvents();
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_eos()));
+        Frames frames = h.Take();
+        EXPECT_EQ(frames.data.size(), c.framesAtEnd) << (&c - cases);
+        for (size_t i = 0; i < frames.data.size(); ++i)
+            EXPECT_EQ(frames.data[i], Pixels(4, 4, uint32_t(before + i + 1)));
+        EXPECT_EQ(h.TakeMessages(), c.messages);
+        EXPECT_EQ(h.TakeEvents().back(), "eos");
+    }
+}
+
+// Corrupt and cut PNGs in a packetized stream: with max-errors 0 the first ends the stream,
+// otherwise up to max-errors in a row are dropped with a warning, the bytes after them kept.
+TEST(ElementTolerance, MaxErrorsFailedPngsInARowAreSkipped) {
+    Bytes corrupt = Png(4, 4, 0);
+    corrupt[corrupt.size() - 16] ^= 0xFF;  // the CRC of the IDAT chunk
+    const Bytes cut = pngtest::Slice(Png(4, 4, 0), 0, 50);
+    const Bytes garbage = pngtest::RandomBytes(5, 1);
+    const std::string crc = "warning: a chunk's CRC does not match its data (kpng +576)";
+    const std::string early = "warning: a PNG ends early (50 bytes discarded)";
+    const struct {
+        int maxErrors;
+        std::vector<Bytes> in;
+        std::vector<GstFlowReturn> flows;
+        std::vector<uint32_t> frames;  // seeds
+        std::vector<std::string> messages;
+    } cases[] = {
+        {0,
+         {Png(4, 4, 1), corrupt, Png(4, 4, 2)},
+         {GST_FLOW_OK, GST_FLOW_ERROR, GST_FLOW_ERROR},
+         {1},
+         {"error: a chunk's CRC does not match its data (kpng +576)",
+          "error: a chunk's CRC does not match its data (kpng +576)"}},
+        {2,
+         {corrupt, Png(4, 4, 1), cut, Png(4, 4, 2), pngtest::Join({garbage, Png(4, 4, 3)})},
+         {GST_FLOW_OK, GST_FLOW_OK, GST_FLOW_OK, GST_FLOW_OK, GST_FLOW_OK},
+         {1, 2, 3},
+         {crc, early}},
+        {2,
+         {corrupt, cut, corrupt, Png(4, 4, 1)},
+         {GST_FLOW_OK, GST_FLOW_OK, GST_FLOW_ERROR, GST_FLOW_ERROR},
+         {},
+         {crc, early, "error: a chunk's CRC does not match its data (kpng +576)",
+          "error: a chunk's CRC does not match its data (kpng +576)"}},
+        {-1,
+         {corrupt, cut, corrupt, Png(4, 4, 1)},
+         {GST_FLOW_OK, GST_FLOW_OK, GST_FLOW_OK, GST_FLOW_OK},
+         {1},
+         {crc, early, crc}},
+    };
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        g_object_set(h.h->element, "max-errors", c.maxErrors, nullptr);
+        std::vector<GstFlowReturn> flows;
+        Printed([&] {
+            for (const Bytes& png : c.in)
+                flows.push_back(h.Push(png));
+        });
+        EXPECT_EQ(flows, c.flows) << (&c - cases);
+        std::vector<Bytes> frames;
+        for (uint32_t seed : c.frames)
+            frames.push_back(Pixels(4, 4, seed));
+        EXPECT_EQ(h.Take().data, frames) << (&c - cases);
+        EXPECT_EQ(h.TakeMessages(), c.messages) << (&c - cases);
+    }
+}
+
+// Tolerating bad input, a flush forgets the unfinished PNG; by default its bytes survive.
+TEST(ElementTolerance, FlushForgetsAnUnfinishedPngOnlyWhenTolerant) {
+    const Bytes png = Png(4, 4, 1);
+    for (int maxErrors : {0, 1}) {
+        Harness h(kNotPacketized);
+        g_object_set(h.h->element, "max-errors", maxErrors, nullptr);
+        ASSERT_EQ(h.Push(png, kNone, kNone, 0, 30), GST_FLOW_OK);
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_start()));
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_stop(TRUE)));
+        h.PushSegment(GST_FORMAT_TIME, 0, kNone);
+        ASSERT_EQ(h.Push(png), GST_FLOW_OK);
+        EXPECT_EQ(h.Take().data.size(), maxErrors ? 1u : 0u);
+    }
+}
+
+// Downstream reports frames up to 300 ms late: with QoS those that end before then are skipped,
+// each with a QoS message, and time goes on as if they had been sent.
+TEST(ElementQos, LateFramesAreSkipped) {
+    for (gboolean qos : {gboolean(TRUE), gboolean(FALSE)}) {
+        Harness h(kPacketized);
+        g_object_set(h.h->element, "qos", qos, nullptr);
+        ASSERT_TRUE(gst_harness_push_upstream_event(
+            h.h, gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 1.0, 100 * kMs, 100 * kMs)));
+        for (int i = 0; i < 10; ++i)
+            ASSERT_EQ(h.Push(Png(2, 2, 0)), GST_FLOW_OK);
+        const Times times = h.Take().times;
+        ASSERT_EQ(times.size(), qos ? 3u : 10u);
+        EXPECT_EQ(times[0].first, qos ? 280 * kMs : 0);
+        const auto messages = h.TakeMessages();
+        EXPECT_EQ(std::count(messages.begin(), messages.end(), "qos"), qos ? 7 : 0);
+    }
+}
+
+// max-frame-bytes bounds the decoded frame, refused at the header, and the bytes collected for
+// one PNG, refused as soon as they pass it.
+TEST(ElementLimits, MaxFrameBytesBoundsTheFrameAndThePng) {
+    pngtest::RawImage image{64, 64, 8, 6, Bytes(64 * 64 * 4)};  // compresses to little
+    const Bytes big =
+        pngtest::PngWriter()
+            .Ihdr(64, 64, 8, 6)
+            .Chunk("tEXt", pngtest::RandomBytes(1000, 2))
+            .Idat(pngtest::Zlib(pngtest::Scanlines(image, false, [](int) { return 0; })))
+            .Iend()
+            .bytes();
+    const std::string kpng = kModules + "kpng/kpng";
+    const std::string decodeReports = Report(kpng, 101) + Report(kModules + "gst.kpng.d", 132);
+    const struct {
+        guint64 limit;
+        GstFlowReturn firstHalf, secondHalf;
+        std::string reports, message;
+    } cases[] = {
+        {0, GST_FLOW_OK, GST_FLOW_OK, "", ""},
+        {64 * 64 * 4, GST_FLOW_OK, GST_FLOW_OK, "", ""},
+        {64 * 64 * 4 - 1, GST_FLOW_OK, GST_FLOW_ERROR, decodeReports,
+         "error: the image is larger than the limit set for a frame (kpng +101)"},
+        {600, GST_FLOW_ERROR, GST_FLOW_ERROR, Report(kpng, 1040) + Report(kpng, 1040),
+         "error: the PNG is larger than the limit set for a frame (kpng +1040)"},
+    };
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        g_object_set(h.h->element, "max-frame-bytes", c.limit, nullptr);
+        GstFlowReturn first = GST_FLOW_OK, second = GST_FLOW_OK;
+        EXPECT_EQ(Printed([&] {
+                      first = h.Push(big, kNone, kNone, 0, 601);
+                      second = h.Push(big, kNone, kNone, 601);
+                  }),
+                  c.reports)
+            << (&c - cases);
+        EXPECT_EQ(first, c.firstHalf);
+        EXPECT_EQ(second, c.secondHalf);
+        const auto messages = h.TakeMessages();
+        EXPECT_EQ(messages.empty() ? "" : messages[0], c.message);
+        EXPECT_EQ(h.Take().data.size(), c.reports.empty() ? 1u : 0u);
+    }
+}
+
+// The pixel aspect ratio comes from a pHYs chunk in pixels per metre with a sane ratio.
+TEST(ElementCaps, AspectRatioFromPhys) {
+    const pngtest::RawImage image = pngtest::RandomImage(2, 2, 8, 6, 1);
+    const struct {
+        uint32_t x, y;
+        uint8_t unit;
+        const char* aspect;
+    } cases[] = {{0, 0, 0, nullptr},     {2835, 2835, 1, "1/1"}, {1000, 2000, 1, "2/1"},
+                 {3000, 2000, 1, "2/3"}, {1000, 2000, 0, "1/1"}, {1, 1000, 1, "1/1"}};
+    for (const auto& c : cases) {
+        pngtest::PngWriter png;
+        png.Ihdr(2, 2, 8, 6);
+        if (c.aspect)
+            png.Chunk("pHYs", pngtest::Join({pngtest::Be32(c.x), pngtest::Be32(c.y), {c.unit}}));
+        png.Idat(pngtest::Zlib(pngtest::Scanlines(image, false, [](int) { return 0; }))).Iend();
+        Harness h(kPacketized);
+        ASSERT_EQ(h.Push(png.bytes()), GST_FLOW_OK);
+        EXPECT_THAT(h.TakeEvents(),
+                    ::testing::Contains(Caps(2, 2, "25/1", c.aspect ? c.aspect : "1/1")))
+            << (&c - cases);
+        EXPECT_THAT(h.Take().data, ElementsAre(image.pixels));
+    }
 }
 
 TEST(ElementState, ReadyToPausedStartsAfresh) {
