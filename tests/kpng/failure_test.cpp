@@ -8,6 +8,7 @@
 #include "CPNG.h"
 #include "kau.h"
 #include "kpng.h"
+#include "mmstream.h"
 #include "test_png.h"
 
 namespace pngtest {
@@ -81,6 +82,46 @@ TEST(DecodeFailure, UnknownPlacesAndFoundationFailures) {
                  "there is not enough memory");
     EXPECT_STREQ(kpng::DescribeFailure(kau::kKauFile, kau::kErrRoundUpOverflow),
                  "a size is too large");
+}
+
+// An output-size limit refuses a PNG once its header is read: even one whose pixels would take
+// gigabytes is refused without taking them. Without options nothing is limited.
+TEST(DecodeLimit, OutputOverTheLimitIsRefusedAtTheHeader) {
+    const Bytes good = GoodPng();  // 4 x 3: 48 output bytes
+    const Bytes huge = PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Zlib(Bytes{0})).Iend().bytes();
+    const struct {
+        const Bytes& png;
+        uint64_t limit;
+        int result, position;
+    } cases[] = {{good, 0, 1, 0},
+                 {good, 48, 1, 0},
+                 {good, 47, 0, kpng::kErrOutputOverLimit},
+                 {huge, 1 << 20, 0, kpng::kErrOutputOverLimit}};
+    for (const auto& c : cases) {
+        kpng::DecodeOptions options;
+        options.maxOutputBytes = c.limit;
+        for (bool stream : {false, true}) {
+            kau::FirstReport first;
+            STImageSimple image = {};
+            kpng::Input input{};
+            input.Construct();
+            input.Push(c.png.data(), c.png.size());
+            MMStreamReady(input.stream);
+            Printed([&] {
+                EXPECT_EQ(stream ? DecodePNG(input.stream, 255, &image, options)
+                                 : DecodePNG(c.png.data(), c.png.size(), 255, &image, options),
+                          c.result);
+            });
+            EXPECT_EQ(first.Position(), c.position) << c.limit << " " << stream;
+            kau::mem::Delete(image.data);
+            input.Destruct();
+        }
+    }
+    EXPECT_STREQ(kpng::DescribeFailure(kpng::kKpngFile, kpng::kErrOutputOverLimit),
+                 "the image is larger than the limit set for a frame");
+    STImageSimple image = {};
+    ASSERT_EQ(DecodePNG(good.data(), good.size(), 255, &image), 1);
+    kau::mem::Delete(image.data);
 }
 
 }  // namespace
