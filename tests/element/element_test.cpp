@@ -470,7 +470,8 @@ TEST(ElementEnd, HeldPngsComeOutAndAnUnfinishedOneIsReported) {
 TEST(ElementTolerance, MaxErrorsFailedPngsInARowAreSkipped) {
     Bytes corrupt = Png(4, 4, 0);
     corrupt[corrupt.size() - 16] ^= 0xFF;  // the CRC of the IDAT chunk
-    const Bytes cut = pngtest::Slice(Png(4, 4, 0), 0, 50);
+    const Bytes whole = Png(4, 4, 0), cut = pngtest::Slice(whole, 0, 50),
+                rest = pngtest::Slice(whole, 50, whole.size());
     const Bytes garbage = pngtest::RandomBytes(5, 1);
     const std::string crc = "warning: a chunk's CRC does not match its data (kpng +576)";
     const std::string early = "warning: a PNG ends early (50 bytes discarded)";
@@ -494,6 +495,8 @@ TEST(ElementTolerance, MaxErrorsFailedPngsInARowAreSkipped) {
          std::vector<GstFlowReturn>(6, GST_FLOW_OK),
          {1, 2, 3},
          {crc, early, crc}},
+        // Only a buffer that opens with a signature starts a PNG.
+        {1, {cut, rest}, {GST_FLOW_OK, GST_FLOW_OK}, {0}, {}},
         // The PNG behind a failed one in the same buffer is kept.
         {-1,
          {pngtest::Join({corrupt, Png(4, 4, 1)}), Png(4, 4, 2)},

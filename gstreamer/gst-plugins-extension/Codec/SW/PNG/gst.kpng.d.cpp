@@ -943,10 +943,11 @@ static GstFlowReturn gst_kalpng_dec_chain(GstPad*, GstObject* parent, GstBuffer*
     const unsigned long count = mapped ? in.size : 0;
 
     GstFlowReturn flow = GST_FLOW_OK;
-    // Tolerating bad input, each buffer of a packetized stream starts a PNG, so that one cut
-    // short cannot take the next one for its missing bytes.
+    // Tolerating bad input, each buffer of a packetized stream that opens with a signature
+    // starts a PNG, so that one cut short cannot take the next one for its missing bytes.
     if (settings.Tolerant() && dec->packetized && !dec->failed && dec->input.pngSize &&
-        !dec->input.Complete()) {
+        !dec->input.Complete() && count >= sizeof kpng::kpngSignature &&
+        memcmp(bytes, kpng::kpngSignature, sizeof kpng::kpngSignature) == 0) {
         flow = gst_kalpng_dec_unfinished_png(dec, settings, false);
     }
     bool complete = false;
