@@ -767,18 +767,15 @@ static void gst_kalpng_dec_discard_input(GstKalPngDec* dec) {
     dec->input.Construct();
 }
 
-// Drops the complete PNG the input holds and keeps every byte stored after it.
+// Drops the complete PNG the input holds and keeps every byte stored after it: from the end of
+// the stream, the input's carry-over takes them all.
 static void gst_kalpng_dec_discard_png(GstKalPngDec* dec) {
     GST_DEBUG_OBJECT(dec, "discarding a PNG of %u bytes", dec->input.pngSize);
-    try {
-        if (!MMStreamSeek(dec->input.stream, 0, MMStreamSeekFromEnd)) {
-            kau::Error::Throw(kElementFile, kErrStreamNotReady);
-        }
-        dec->input.ResetStreamWithDataAfterIEND();
-    } catch (...) {
-        kau::ReportCurrentException(kElementFile, kCatchChain);
+    if (!MMStreamSeek(dec->input.stream, 0, MMStreamSeekFromEnd)) {
         gst_kalpng_dec_discard_input(dec);
+        return;
     }
+    dec->input.ResetStreamWithDataAfterIEND();
 }
 
 // One more failed PNG in a row. Within max-errors it is dropped with a warning and decoding
