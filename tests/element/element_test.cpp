@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <future>
+#include <iostream>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -76,9 +78,13 @@ const char kNotPacketized[] = "image/png";
 class Harness {
   public:
     explicit Harness(const char* sinkCaps) : h(gst_harness_new("kalpng_dec")) {
+        gst_element_set_bus(h->element, bus);
         gst_harness_set_src_caps_str(h, sinkCaps);
     }
-    ~Harness() { gst_harness_teardown(h); }
+    ~Harness() {
+        gst_harness_teardown(h);
+        gst_object_unref(bus);
+    }
 
     // Pushes bytes [from, to) of `bytes`, all of them by default, in one buffer.
     GstFlowReturn Push(const Bytes& bytes, GstClockTime pts = kNone, GstClockTime dur = kNone,
@@ -116,6 +122,28 @@ class Harness {
         }
         return frames;
     }
+    // The messages posted since the last call: "error: <text> (<debug>)", "warning: ..."
+    // or the message type's name. GStreamer opens the debug text with the place it was posted
+    // from, on a line of its own.
+    std::vector<std::string> TakeMessages() {
+        std::vector<std::string> messages;
+        while (GstMessage* message = gst_bus_pop(bus)) {
+            GError* error = nullptr;
+            gchar* debug = nullptr;
+            std::string kind = GST_MESSAGE_TYPE_NAME(message);
+            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
+                gst_message_parse_error(message, &error, &debug);
+            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING)
+                gst_message_parse_warning(message, &error, &debug);
+            const char* detail = debug ? strrchr(debug, '\n') : nullptr;
+            detail = detail ? detail + 1 : debug;
+            messages.push_back(error ? kind + ": " + error->message + " (" + detail + ")" : kind);
+            g_clear_error(&error);
+            g_free(debug);
+            gst_message_unref(message);
+        }
+        return messages;
+    }
     // The events that reached the sink since the last call: type names, or the caps.
     std::vector<std::string> TakeEvents() {
         std::vector<std::string> events;
@@ -130,12 +158,15 @@ class Harness {
         return events;
     }
 
+    GstBus* bus = gst_bus_new();
     GstHarness* h;
 };
 
-std::string Caps(int width, int height, const char* framerate) {
+std::string Caps(int width, int height, const char* framerate, const char* aspect = "1/1") {
     return "video/x-raw, format=(string)RGBA, width=(int)" + std::to_string(width) +
-           ", height=(int)" + std::to_string(height) + ", framerate=(fraction)" + framerate;
+           ", height=(int)" + std::to_string(height) +
+           ", interlace-mode=(string)progressive, pixel-aspect-ratio=(fraction)" + aspect +
+           ", colorimetry=(string)sRGB, framerate=(fraction)" + framerate;
 }
 
 const std::string kModules =
@@ -294,7 +325,7 @@ bool WaitForAcquires(int count) {
 }
 
 // With downstream's only buffer still held, the next frame waits for it until a flush, which
-// fails the frame as any refused buffer does.
+// ends the frame with the flushing flow.
 TEST(ElementAllocation, FlushReleasesAFrameWaitingForABoundedPool) {
     Harness h(kPacketized);
     Offer offer(h.h, 1);
@@ -313,7 +344,7 @@ TEST(ElementAllocation, FlushReleasesAFrameWaitingForABoundedPool) {
     gst_buffer_unref(held);
     waiting.join();
     ASSERT_TRUE(released) << "the flush left the frame waiting for the pool";
-    EXPECT_EQ(flow.get(), GST_FLOW_ERROR);
+    EXPECT_EQ(flow.get(), GST_FLOW_FLUSHING);
     EXPECT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_stop(TRUE)));
     h.PushSegment(GST_FORMAT_TIME, 0, kNone);
     ASSERT_EQ(h.Push(Png(4, 4, 3)), GST_FLOW_OK);
@@ -348,6 +379,7 @@ TEST(ElementTiming, FramesAreStamped) {
     }
 }
 
+// Downstream gets a time segment whatever came; the element's own clips only time input.
 TEST(ElementClipping, FramesAreCutOrDroppedAtTheSegment) {
     const struct {
         const char* sinkCaps;
@@ -367,6 +399,12 @@ TEST(ElementClipping, FramesAreCutOrDroppedAtTheSegment) {
         h.PushSegment(c.format, c.start, c.stop);
         EXPECT_EQ(h.Push(Png(2, 2, 0), c.in[0].first, c.in[0].second), GST_FLOW_OK);
         EXPECT_EQ(h.Take().times, c.out) << (&c - cases);
+        GstEvent* sent = gst_pad_get_sticky_event(h.h->sinkpad, GST_EVENT_SEGMENT, 0);
+        const GstSegment* segment;
+        gst_event_parse_segment(sent, &segment);
+        EXPECT_EQ(segment->format, GST_FORMAT_TIME);
+        EXPECT_EQ(segment->start, c.format == GST_FORMAT_TIME ? c.start : 0);
+        gst_event_unref(sent);
     }
 }
 
@@ -394,6 +432,209 @@ TEST(ElementFailure, ErrorFlowWithReportsUntilTheNextStart) {
     Harness other(kPacketized);
     EXPECT_EQ(Printed([&] { flow = other.Push(badSignature); }), Report(kpng, 944));
     EXPECT_EQ(flow, GST_FLOW_ERROR);
+}
+
+// A pool that refuses because it is flushing ends the push quietly; an empty buffer is a push
+// of nothing.
+TEST(ElementFlow, FlushingPoolAndEmptyBuffersAreNoFailures) {
+    Harness h(kPacketized);
+    Offer offer(h.h, 0);
+    ASSERT_EQ(h.Push(Png(4, 4, 1)), GST_FLOW_OK);
+    gst_buffer_pool_set_flushing(offer.pool, TRUE);
+    GstFlowReturn flow = GST_FLOW_OK;
+    EXPECT_EQ(Printed([&] { flow = h.Push(Png(4, 4, 2)); }), "");
+    EXPECT_EQ(flow, GST_FLOW_FLUSHING);
+    gst_buffer_pool_set_flushing(offer.pool, FALSE);
+
+    const Bytes png = Png(4, 4, 3);
+    const std::pair<size_t, size_t> pieces[] = {{0, 0}, {0, 30}, {30, 30}, {30, png.size()}};
+    EXPECT_EQ(Printed([&] {
+                  for (const auto& [from, to] : pieces)
+                      EXPECT_EQ(h.Push(png, kNone, kNone, from, to), GST_FLOW_OK);
+              }),
+              "");
+    EXPECT_THAT(h.Take().data, ElementsAre(Pixels(4, 4, 1), Pixels(4, 4, 3)));
+    EXPECT_THAT(h.TakeMessages(), ::testing::IsEmpty());
+}
+
+// At the end of the stream the PNGs still held come out in order, then a warning for the
+// bytes of an unfinished one, then the end of the stream.
+TEST(ElementEnd, HeldPngsComeOutAndAnUnfinishedOneIsReported) {
+    const Bytes half = pngtest::Slice(Png(4, 4, 9), 0, 40);
+    const struct {
+        Bytes in;
+        size_t framesAtEnd;
+        std::vector<std::string> messages;
+    } cases[] = {
+        {pngtest::Join({Png(4, 4, 1), Png(4, 4, 2), Png(4, 4, 3), half}),
+         2,
+         {"warning: a PNG ends early (40 bytes discarded)"}},
+        {Png(4, 4, 1), 0, {}},
+        {half, 0, {"warning: a PNG ends early (40 bytes discarded)"}},
+    };
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        ASSERT_EQ(h.Push(c.in), GST_FLOW_OK);
+        const size_t before = h.Take().data.size();
+        h.TakeEvents();
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_eos()));
+        Frames frames = h.Take();
+        EXPECT_EQ(frames.data.size(), c.framesAtEnd) << (&c - cases);
+        for (size_t i = 0; i < frames.data.size(); ++i)
+            EXPECT_EQ(frames.data[i], Pixels(4, 4, uint32_t(before + i + 1)));
+        EXPECT_EQ(h.TakeMessages(), c.messages);
+        EXPECT_EQ(h.TakeEvents().back(), "eos");
+    }
+}
+
+// Corrupt and cut PNGs in a packetized stream: with max-errors 0 the first ends the stream,
+// otherwise up to max-errors in a row are dropped with a warning, the bytes after them kept.
+TEST(ElementTolerance, MaxErrorsFailedPngsInARowAreSkipped) {
+    Bytes corrupt = Png(4, 4, 0);
+    corrupt[corrupt.size() - 16] ^= 0xFF;  // the CRC of the IDAT chunk
+    const Bytes whole = Png(4, 4, 0), cut = pngtest::Slice(whole, 0, 50),
+                rest = pngtest::Slice(whole, 50, whole.size());
+    const Bytes garbage = pngtest::RandomBytes(5, 1);
+    const std::string crc = "warning: a chunk's CRC does not match its data (kpng +576)";
+    const std::string fatal = "error: a chunk's CRC does not match its data (kpng +576)";
+    const std::string early = "warning: a PNG ends early (50 bytes discarded)";
+    const GstFlowReturn ok = GST_FLOW_OK, error = GST_FLOW_ERROR;
+    const struct {
+        int maxErrors;
+        std::vector<Bytes> in;
+        std::vector<GstFlowReturn> flows;
+        std::vector<uint32_t> frames;  // seeds
+        std::vector<std::string> messages;
+    } cases[] = {
+        // clang-format off
+        {0, {Png(4, 4, 1), corrupt, Png(4, 4, 2)}, {ok, error, error}, {1}, {fatal, fatal}},
+        // Each good PNG ends a run of failures; garbage before a signature is skipped.
+        {2, {corrupt, Png(4, 4, 1), cut, Png(4, 4, 2), corrupt, pngtest::Join({garbage, Png(4, 4, 3)})},
+         {ok, ok, ok, ok, ok, ok}, {1, 2, 3}, {crc, early, crc}},
+        {2, {corrupt, cut, corrupt, Png(4, 4, 1)}, {ok, ok, error, error}, {}, {crc, early, fatal, fatal}},
+        {-1, {corrupt, cut, corrupt, Png(4, 4, 1)}, {ok, ok, ok, ok}, {1}, {crc, early, crc}},
+        // Only a buffer that opens with a signature starts a PNG.
+        {1, {cut, rest}, {ok, ok}, {0}, {}},
+        // The PNG behind a failed one in the same buffer is kept.
+        {-1, {pngtest::Join({corrupt, Png(4, 4, 1)}), Png(4, 4, 2)}, {ok, ok}, {1}, {crc}},
+        // clang-format on
+    };
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        g_object_set(h.h->element, "max-errors", c.maxErrors, nullptr);
+        std::vector<GstFlowReturn> flows;
+        Printed([&] {
+            for (const Bytes& png : c.in)
+                flows.push_back(h.Push(png));
+        });
+        EXPECT_EQ(flows, c.flows) << (&c - cases);
+        std::vector<Bytes> frames;
+        for (uint32_t seed : c.frames)
+            frames.push_back(Pixels(4, 4, seed));
+        EXPECT_EQ(h.Take().data, frames) << (&c - cases);
+        EXPECT_EQ(h.TakeMessages(), c.messages) << (&c - cases);
+    }
+}
+
+// Tolerating bad input, a flush forgets the unfinished PNG; by default its bytes survive.
+TEST(ElementTolerance, FlushForgetsAnUnfinishedPngOnlyWhenTolerant) {
+    const Bytes png = Png(4, 4, 1);
+    for (int maxErrors : {0, 1}) {
+        Harness h(kNotPacketized);
+        g_object_set(h.h->element, "max-errors", maxErrors, nullptr);
+        ASSERT_EQ(h.Push(png, kNone, kNone, 0, 30), GST_FLOW_OK);
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_start()));
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_flush_stop(TRUE)));
+        h.PushSegment(GST_FORMAT_TIME, 0, kNone);
+        ASSERT_EQ(h.Push(png), GST_FLOW_OK);
+        EXPECT_EQ(h.Take().data.size(), maxErrors ? 1u : 0u);
+    }
+}
+
+// Downstream reports frames up to 300 ms late: with QoS those that end before then are skipped,
+// each with a QoS message, and time goes on as if they had been sent.
+TEST(ElementQos, LateFramesAreSkipped) {
+    for (gboolean qos : {gboolean(TRUE), gboolean(FALSE)}) {
+        Harness h(kPacketized);
+        g_object_set(h.h->element, "qos", qos, nullptr);
+        ASSERT_TRUE(gst_harness_push_upstream_event(
+            h.h, gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 1.0, 100 * kMs, 100 * kMs)));
+        for (int i = 0; i < 10; ++i)
+            ASSERT_EQ(h.Push(Png(2, 2, 0)), GST_FLOW_OK);
+        const Times times = h.Take().times;
+        ASSERT_EQ(times.size(), qos ? 3u : 10u);
+        EXPECT_EQ(times[0].first, qos ? 280 * kMs : 0);
+        const auto messages = h.TakeMessages();
+        EXPECT_EQ(std::count(messages.begin(), messages.end(), "qos"), qos ? 7 : 0);
+    }
+}
+
+// max-frame-bytes bounds the decoded frame, refused at the header, and the bytes collected for
+// one PNG, refused as soon as they pass it.
+TEST(ElementLimits, MaxFrameBytesBoundsTheFrameAndThePng) {
+    pngtest::RawImage image{64, 64, 8, 6, Bytes(64 * 64 * 4)};  // compresses to little
+    const Bytes big =
+        pngtest::PngWriter()
+            .Ihdr(64, 64, 8, 6)
+            .Chunk("tEXt", pngtest::RandomBytes(1000, 2))
+            .Idat(pngtest::Zlib(pngtest::Scanlines(image, false, [](int) { return 0; })))
+            .Iend()
+            .bytes();
+    const std::string kpng = kModules + "kpng/kpng";
+    const std::string decodeReports = Report(kpng, 101) + Report(kModules + "gst.kpng.d", 132);
+    const struct {
+        guint64 limit;
+        GstFlowReturn firstHalf, secondHalf;
+        std::string reports, message;
+    } cases[] = {
+        // clang-format off
+        {0, GST_FLOW_OK, GST_FLOW_OK, "", ""},
+        {64 * 64 * 4, GST_FLOW_OK, GST_FLOW_OK, "", ""},
+        {64 * 64 * 4 - 1, GST_FLOW_OK, GST_FLOW_ERROR, decodeReports,
+         "error: the image is larger than the limit set for a frame (kpng +101)"},
+        {600, GST_FLOW_ERROR, GST_FLOW_ERROR, Report(kpng, 1040) + Report(kpng, 1040),
+         "error: the PNG is larger than the limit set for a frame (kpng +1040)"},
+        // clang-format on
+    };
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        g_object_set(h.h->element, "max-frame-bytes", c.limit, nullptr);
+        GstFlowReturn first = GST_FLOW_OK, second = GST_FLOW_OK;
+        const auto halves = [&] {
+            first = h.Push(big, kNone, kNone, 0, 601);
+            second = h.Push(big, kNone, kNone, 601);
+        };
+        EXPECT_EQ(Printed(halves), c.reports) << (&c - cases);
+        EXPECT_EQ(first, c.firstHalf);
+        EXPECT_EQ(second, c.secondHalf);
+        const auto messages = h.TakeMessages();
+        EXPECT_EQ(messages.empty() ? "" : messages[0], c.message);
+        EXPECT_EQ(h.Take().data.size(), c.reports.empty() ? 1u : 0u);
+    }
+}
+
+// The pixel aspect ratio comes from a pHYs chunk in pixels per metre with a sane ratio.
+TEST(ElementCaps, AspectRatioFromPhys) {
+    const pngtest::RawImage image = pngtest::RandomImage(2, 2, 8, 6, 1);
+    const struct {
+        uint32_t x, y;
+        uint8_t unit;
+        const char* aspect;
+    } cases[] = {{0, 0, 0, nullptr},     {2835, 2835, 1, "1/1"}, {1000, 2000, 1, "2/1"},
+                 {3000, 2000, 1, "2/3"}, {1000, 2000, 0, "1/1"}, {1, 1000, 1, "1/1"}};
+    for (const auto& c : cases) {
+        pngtest::PngWriter png;
+        png.Ihdr(2, 2, 8, 6);
+        if (c.aspect)
+            png.Chunk("pHYs", pngtest::Join({pngtest::Be32(c.x), pngtest::Be32(c.y), {c.unit}}));
+        png.Idat(pngtest::Zlib(pngtest::Scanlines(image, false, [](int) { return 0; }))).Iend();
+        Harness h(kPacketized);
+        ASSERT_EQ(h.Push(png.bytes()), GST_FLOW_OK);
+        EXPECT_THAT(h.TakeEvents(),
+                    ::testing::Contains(Caps(2, 2, "25/1", c.aspect ? c.aspect : "1/1")))
+            << (&c - cases);
+        EXPECT_THAT(h.Take().data, ElementsAre(image.pixels));
+    }
 }
 
 TEST(ElementState, ReadyToPausedStartsAfresh) {
@@ -486,6 +727,97 @@ TEST(ElementPipeline, NumberedFilesOfMixedSizesRenegotiateCaps) {
     EXPECT_EQ(received[0].caps, caps);
     EXPECT_EQ(received[0].times, times);
     fs::remove_all(folder);
+}
+
+// A fresh folder of `count` numbered PNG frames, frame%d.png, every `sizes`-th of another size.
+std::filesystem::path WriteFrames(const char* name, int count, int sizes) {
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::path(::testing::TempDir()) / name;
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    for (int i = 0; i < count; ++i) {
+        const Bytes png = Png(32 + 2 * (i % sizes), 24, uint32_t(i));
+        FILE* file = fopen((folder / ("frame" + std::to_string(i) + ".png")).c_str(), "wb");
+        fwrite(png.data(), 1, png.size(), file);
+        fclose(file);
+    }
+    return folder;
+}
+
+std::string NumberedFiles(const std::filesystem::path& folder, const char* options = "") {
+    return "multifilesrc " + std::string(options) +
+           " location=" + (folder / "frame%d.png").string() +
+           " caps=\"image/png,framerate=30/1\" ! kalpng_dec";
+}
+
+// Encoders and muxers take every frame: the file holds as many as were decoded.
+TEST(ElementPipeline, EncodedVideoHoldsEveryFrame) {
+    const auto folder = WriteFrames("kalpng-encoded", 30, 1);
+    const std::string file = (folder / "out").string();
+    const struct {
+        const char *encoder, *encode, *demux;
+    } cases[] = {{"vp8enc", "vp8enc deadline=1 ! webmmux", "matroskademux"},
+                 {"x264enc", "x264enc ! mp4mux", "qtdemux"}};  // x264enc: only where installed
+    for (const auto& c : cases) {
+        GstElementFactory* factory = gst_element_factory_find(c.encoder);
+        if (!factory) {
+            std::cout << "skipped, not installed: " << c.encoder << "\n";
+            continue;
+        }
+        gst_object_unref(factory);
+        RunToEnd(NumberedFiles(folder) + " ! videoconvert ! " + c.encode +
+                     " ! filesink location=" + file,
+                 {});
+        const auto received = RunToEnd("filesrc location=" + file + " ! " + c.demux +
+                                           " ! appsink name=out sync=false wait-on-eos=false",
+                                       {"out"});
+        EXPECT_EQ(received[0].data.size(), 30u) << c.encode;
+    }
+    std::filesystem::remove_all(folder);
+}
+
+// Mixers and freezers need full caps and a time segment: a PNG over a test picture, and a
+// frozen PNG, run to the end every time.
+TEST(ElementPipeline, CompositorAndImagefreezeRunToTheEnd) {
+    const auto folder = WriteFrames("kalpng-composited", 1, 1);
+    const std::string png =
+        "filesrc location=" + (folder / "frame0.png").string() + " ! kalpng_dec";
+    const std::string sink = " ! appsink name=out sync=false wait-on-eos=false";
+    EXPECT_EQ(RunToEnd(png + " ! compositor name=mix" + sink +
+                           " videotestsrc num-buffers=10 ! video/x-raw,width=64,height=48 ! mix.",
+                       {"out"})[0]
+                  .data.size(),
+              10u);
+    for (int run = 0; run < 10; ++run) {
+        EXPECT_EQ(RunToEnd(png + " ! imagefreeze num-buffers=3 ! compositor" + sink, {"out"})[0]
+                      .data.size(),
+                  3u);
+    }
+    std::filesystem::remove_all(folder);
+}
+
+// Flushing seeks while frames are decoded as fast as they come: the pool flushes, nothing fails.
+TEST(ElementPipeline, FlushingSeeksDuringPlaybackGiveNoError) {
+    GstElement* pipeline = gst_parse_launch(
+        "videotestsrc ! video/x-raw,width=640,height=480,framerate=30/1 ! pngenc "
+        "! kalpng_dec ! queue max-size-buffers=2 ! fakesink sync=false",
+        nullptr);
+    ASSERT_NE(pipeline, nullptr);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    ASSERT_EQ(gst_element_get_state(pipeline, nullptr, nullptr, 10 * kS), GST_STATE_CHANGE_SUCCESS);
+    GstBus* bus = gst_element_get_bus(pipeline);
+    for (int seek = 0; seek < 20; ++seek) {
+        g_usleep(20 * 1000);
+        EXPECT_TRUE(gst_element_seek_simple(pipeline, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH,
+                                            seek * kS / 10));
+    }
+    g_usleep(100 * 1000);
+    GstMessage* error = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
+    EXPECT_EQ(error, nullptr);
+    if (error) gst_message_unref(error);
+    gst_object_unref(bus);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
 }
 
 }  // namespace

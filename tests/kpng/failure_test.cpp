@@ -83,5 +83,31 @@ TEST(DecodeFailure, UnknownPlacesAndFoundationFailures) {
                  "a size is too large");
 }
 
+// An output-size limit refuses a PNG once its header is read: even one whose pixels would take
+// gigabytes is refused without taking them. (The element's tests cover the stream overload.)
+TEST(DecodeLimit, OutputOverTheLimitIsRefusedAtTheHeader) {
+    const Bytes good = GoodPng();  // 4 x 3: 48 output bytes
+    const Bytes huge = PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Zlib(Bytes{0})).Iend().bytes();
+    const struct {
+        const Bytes& png;
+        uint64_t limit;
+        int result, position;
+    } cases[] = {{good, 0, 1, 0},
+                 {good, 48, 1, 0},
+                 {good, 47, 0, kpng::kErrOutputOverLimit},
+                 {huge, 1 << 20, 0, kpng::kErrOutputOverLimit}};
+    for (const auto& c : cases) {
+        kpng::DecodeOptions options;
+        options.maxOutputBytes = c.limit;
+        kau::FirstReport first;
+        STImageSimple image = {};
+        Printed([&] {
+            EXPECT_EQ(DecodePNG(c.png.data(), c.png.size(), 255, &image, options), c.result);
+        });
+        EXPECT_EQ(first.Position(), c.position) << c.limit;
+        kau::mem::Delete(image.data);
+    }
+}
+
 }  // namespace
 }  // namespace pngtest

@@ -2,7 +2,9 @@
 // corrupt, through appsrc ! kalpng_dec ! appsink, and reports frames decoded, errors and the
 // process's resident memory every 1000 frames. A corrupt frame stops the stream with an error;
 // the program then takes the pipeline down to READY and back up, as an application would.
-//   kalpng-soak [FRAMES]      (default 10000)
+// In tolerant mode (max-errors=-1) a corrupt frame gives a warning and the stream goes on, and
+// every 500th frame from the 250th is also cut short, which the next frame's arrival reports.
+//   kalpng-soak [FRAMES [tolerant]]      (default 10000)
 // The plug-in is taken from GST_PLUGIN_PATH, or from the build's plugin folder when unset.
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
@@ -20,6 +22,7 @@
 namespace {
 
 constexpr int kCorruptEvery = 500;
+constexpr int kCutAt = 250;  // of every kCorruptEvery, in tolerant mode
 constexpr int kReportEvery = 1000;
 constexpr GstClockTime kFrameDuration = GST_SECOND / 25;
 // Generous, for runs under valgrind.
@@ -27,14 +30,15 @@ constexpr GstClockTime kWait = 60 * GST_SECOND;
 
 struct Frame {
     uint32_t width, height;
-    bool corrupt;
+    bool corrupt, cut;
     pngtest::Bytes png;
 };
 
 // A PNG of a size, format, interlacing and compression level drawn from the frame number, its
 // image data in IDAT chunks of 8 KiB as encoders write it. A corrupt frame has the byte after
-// its first "IDAT" flipped (the image data's, or by chance a palette entry's), the CRC kept.
-Frame MakeFrame(int index) {
+// its first "IDAT" flipped (the image data's, or by chance a palette entry's), the CRC kept; a
+// cut one ends halfway.
+Frame MakeFrame(int index, bool tolerant) {
     std::mt19937 draw{uint32_t(index)};
     const pngtest::Format format = pngtest::kEveryFormat[draw() % std::size(pngtest::kEveryFormat)];
     const bool large = index % 100 == 0;
@@ -52,9 +56,11 @@ Frame MakeFrame(int index) {
     }
     const pngtest::RawImage image =
         pngtest::RandomImage(width, height, format.depth, format.colourType, draw());
-    Frame frame{width, height, index % kCorruptEvery == 0, pngtest::EncodePng(image, options)};
+    Frame frame{width, height, index % kCorruptEvery == 0,
+                tolerant && index % kCorruptEvery == kCutAt, pngtest::EncodePng(image, options)};
     const char idat[] = "IDAT";
     if (frame.corrupt) std::search(frame.png.begin(), frame.png.end(), idat, idat + 4)[4] ^= 0x55;
+    if (frame.cut) frame.png.resize(frame.png.size() / 2);
     return frame;
 }
 
@@ -71,10 +77,12 @@ long ResidentKilobytes() {
 
 class Soak {
   public:
-    Soak() {
+    explicit Soak(bool tolerant) : tolerant_(tolerant) {
         pipeline_ = gst_parse_launch(
-            "appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! kalpng_dec ! "
-            "appsink name=sink sync=false",
+            tolerant ? "appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! "
+                       "kalpng_dec max-errors=-1 ! appsink name=sink sync=false"
+                     : "appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! "
+                       "kalpng_dec ! appsink name=sink sync=false",
             nullptr);
         if (!pipeline_) Fatal("cannot build the pipeline (is GST_PLUGIN_PATH right?)");
         src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
@@ -101,8 +109,11 @@ class Soak {
         g_async_queue_unref(samples_);
     }
 
+    int Warnings() const { return warnings_; }
+
     // Pushes one frame in one to three buffers; true when it came out (or, for a corrupt
-    // frame, when the stream stopped with an error).
+    // frame, when the stream stopped with an error or went on after a warning; a cut frame
+    // waits for the next one).
     bool Push(const Frame& frame, int index) {
         const size_t pieces = 1 + index % 3;
         const size_t step = (frame.png.size() + pieces - 1) / pieces;
@@ -112,7 +123,9 @@ class Soak {
             if (at == 0) GST_BUFFER_PTS(buffer) = index * kFrameDuration;
             gst_app_src_push_buffer(GST_APP_SRC(src_), buffer);
         }
-        return frame.corrupt ? AwaitError() : AwaitFrame(frame);
+        if (frame.cut) return true;
+        if (!frame.corrupt) return AwaitFrame(frame);
+        return tolerant_ ? AwaitWarning() : AwaitError();
     }
 
   private:
@@ -126,14 +139,23 @@ class Soak {
             Fatal("the pipeline does not start");
     }
 
-    // Drops what the bus collected; false when it holds an error.
+    // Drops what the bus collected, counting warnings; false when it holds an error.
     bool DrainBus() {
         bool clean = true;
         while (GstMessage* message = gst_bus_pop(bus_)) {
             clean = clean && GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR;
+            warnings_ += GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING;
             gst_message_unref(message);
         }
         return clean;
+    }
+
+    bool AwaitWarning() {
+        GstMessage* message = gst_bus_timed_pop_filtered(bus_, kWait, GST_MESSAGE_WARNING);
+        if (!message) return false;
+        gst_message_unref(message);
+        ++warnings_;
+        return true;
     }
 
     // The frame's sample, of its size, arrived with no error on the bus.
@@ -164,6 +186,8 @@ class Soak {
         return true;
     }
 
+    const bool tolerant_;
+    int warnings_ = 0;
     GstElement* pipeline_;
     GstElement* src_;
     GstElement* sink_;
@@ -175,16 +199,17 @@ class Soak {
 
 int main(int argc, char** argv) {
     const int frames = argc > 1 ? atoi(argv[1]) : 10000;
+    const bool tolerant = argc > 2 && g_str_equal(argv[2], "tolerant");
     g_setenv("GST_PLUGIN_PATH", KALPNG_PLUGIN_DIR, FALSE);
     gst_init(&argc, &argv);
 
-    int decoded = 0, errors = 0, wrong = 0;
+    int decoded = 0, errors = 0, cut = 0, wrong = 0, warnings = 0;
     {
-        Soak soak;
+        Soak soak(tolerant);
         for (int i = 1; i <= frames; ++i) {
-            const Frame frame = MakeFrame(i);
+            const Frame frame = MakeFrame(i, tolerant);
             if (soak.Push(frame, i)) {
-                ++(frame.corrupt ? errors : decoded);
+                ++(frame.corrupt ? errors : frame.cut ? cut : decoded);
             } else {
                 ++wrong;
                 fprintf(stderr, "frame %d (%ux%u%s) did not come out as expected\n", i, frame.width,
@@ -195,9 +220,12 @@ int main(int argc, char** argv) {
                        ResidentKilobytes());
             fflush(stdout);
         }
+        warnings = soak.Warnings();
     }
     gst_deinit();
-    printf("%d frames: %d decoded, %d errors (expected %d), %d wrong\n", frames, decoded, errors,
-           frames / kCorruptEvery, wrong);
-    return wrong == 0 ? 0 : 1;
+    printf("%d frames: %d decoded, %d errors (expected %d), %d cut, %d warnings, %d wrong\n",
+           frames, decoded, errors, frames / kCorruptEvery, cut, warnings, wrong);
+    // A cut frame is only reported when the next frame arrives.
+    const int expectedWarnings = tolerant ? errors + cut - (frames % kCorruptEvery == kCutAt) : 0;
+    return wrong == 0 && warnings == expectedWarnings ? 0 : 1;
 }

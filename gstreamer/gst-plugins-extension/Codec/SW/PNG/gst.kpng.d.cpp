@@ -4,10 +4,12 @@
 
 #include <sys/mman.h>
 
+#include <cstring>
 #include <memory>
 
 #include "CPNG.h"
 #include "kau.h"
+#include "kpng.h"
 #include "mmstream.h"
 
 namespace {
@@ -23,6 +25,14 @@ constexpr int kErrDecode = 132;
 constexpr int kErrOutputBuffer = 166;
 constexpr int kCatchChain = 236;
 
+// Stands for the data of an empty buffer, which maps to no memory at all.
+constexpr guint8 kNoBytes[1] = {};
+
+// Pixel aspect ratios beyond this, either way, are taken for a broken pHYs chunk.
+constexpr gint kMaxAspect = 16;
+
+enum { PROP_0, PROP_MAX_ERRORS, PROP_QOS, PROP_MAX_FRAME_BYTES };
+
 // Palette colours without a transparency entry come out opaque.
 constexpr unsigned long kDefaultAlpha = 255;
 
@@ -34,18 +44,23 @@ GST_DEBUG_CATEGORY_STATIC(kalpng_dec_debug);
 static GstStaticPadTemplate sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS("image/png"));
 
-// RGBA is the one format produced; RGB is advertised for compatibility only.
 static GstStaticPadTemplate src_template = GST_STATIC_PAD_TEMPLATE(
     "src", GST_PAD_SRC, GST_PAD_ALWAYS,
     GST_STATIC_CAPS("video/x-raw, format = (string) RGBA, width = (int) [ 1, max ], "
-                    "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ]; "
-                    "video/x-raw, format = (string) RGB, width = (int) [ 1, max ], "
-                    "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ]"));
+                    "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ], "
+                    "interlace-mode = (string) progressive, "
+                    "pixel-aspect-ratio = (fraction) [ 1/16, 16/1 ], "
+                    "colorimetry = (string) sRGB"));
 
 static GstElementClass* parent_class = nullptr;
 
 static gboolean gst_kalpng_dec_setcaps(GstPad* pad, GstCaps* caps);
 static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEvent* event);
+static gboolean gst_kalpng_dec_src_event(GstPad* pad, GstObject* parent, GstEvent* event);
+static void gst_kalpng_dec_set_property(GObject* object, guint id, const GValue* value,
+                                        GParamSpec* pspec);
+static void gst_kalpng_dec_get_property(GObject* object, guint id, GValue* value,
+                                        GParamSpec* pspec);
 static GstFlowReturn gst_kalpng_dec_chain(GstPad* pad, GstObject* parent, GstBuffer* buf);
 static GstStateChangeReturn gst_kalpng_dec_change_state(GstElement* element,
                                                         GstStateChange transition);
@@ -69,7 +84,26 @@ static void gst_kalpng_dec_base_init(gpointer klass) {
 static void gst_kalpng_dec_class_init(gpointer klass, gpointer) {
     parent_class = GST_ELEMENT_CLASS(g_type_class_peek_parent(klass));
 
-    G_OBJECT_CLASS(klass)->finalize = gst_kalpng_dec_finalize;
+    GObjectClass* object_class = G_OBJECT_CLASS(klass);
+    object_class->finalize = gst_kalpng_dec_finalize;
+    object_class->set_property = gst_kalpng_dec_set_property;
+    object_class->get_property = gst_kalpng_dec_get_property;
+    const auto flags = GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
+    g_object_class_install_property(
+        object_class, PROP_MAX_ERRORS,
+        g_param_spec_int("max-errors", "Maximum errors",
+                         "Failed PNGs in a row that are skipped with a warning before one ends "
+                         "the stream (0: the first does; -1: none does)",
+                         -1, G_MAXINT, 0, flags));
+    g_object_class_install_property(
+        object_class, PROP_QOS,
+        g_param_spec_boolean("qos", "QoS", "Skip decoding frames that downstream reports late",
+                             TRUE, flags));
+    g_object_class_install_property(
+        object_class, PROP_MAX_FRAME_BYTES,
+        g_param_spec_uint64("max-frame-bytes", "Maximum frame bytes",
+                            "Largest decoded frame, and largest PNG, in bytes (0: no limit)", 0,
+                            G_MAXUINT64, 0, flags));
     GST_ELEMENT_CLASS(klass)->change_state = GST_DEBUG_FUNCPTR(gst_kalpng_dec_change_state);
 
     if (!kalpng_dec_debug) {
@@ -86,10 +120,74 @@ static void gst_kalpng_dec_init(GTypeInstance* instance, gpointer) {
     gst_element_add_pad(GST_ELEMENT(dec), dec->sinkpad);
 
     dec->srcpad = gst_pad_new_from_static_template(&src_template, "src");
+    gst_pad_set_event_function(dec->srcpad, GST_DEBUG_FUNCPTR(gst_kalpng_dec_src_event));
     gst_pad_use_fixed_caps(dec->srcpad);
     gst_element_add_pad(GST_ELEMENT(dec), dec->srcpad);
 
     dec->segment = gst_segment_new();
+    dec->qos = TRUE;
+}
+
+static void gst_kalpng_dec_set_property(GObject* object, guint id, const GValue* value,
+                                        GParamSpec* pspec) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(object);
+    GST_OBJECT_LOCK(dec);
+    switch (id) {
+        case PROP_MAX_ERRORS:
+            dec->max_errors = g_value_get_int(value);
+            break;
+        case PROP_QOS:
+            dec->qos = g_value_get_boolean(value);
+            break;
+        case PROP_MAX_FRAME_BYTES:
+            dec->max_frame_bytes = g_value_get_uint64(value);
+            break;
+        default:
+            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+            break;
+    }
+    GST_OBJECT_UNLOCK(dec);
+}
+
+static void gst_kalpng_dec_get_property(GObject* object, guint id, GValue* value,
+                                        GParamSpec* pspec) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(object);
+    GST_OBJECT_LOCK(dec);
+    switch (id) {
+        case PROP_MAX_ERRORS:
+            g_value_set_int(value, dec->max_errors);
+            break;
+        case PROP_QOS:
+            g_value_set_boolean(value, dec->qos);
+            break;
+        case PROP_MAX_FRAME_BYTES:
+            g_value_set_uint64(value, dec->max_frame_bytes);
+            break;
+        default:
+            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+            break;
+    }
+    GST_OBJECT_UNLOCK(dec);
+}
+
+namespace {
+
+// The properties as one streaming pass sees them.
+struct Settings {
+    gint max_errors;
+    gboolean qos;
+    guint64 max_frame_bytes;
+
+    bool Tolerant() const { return max_errors != 0; }
+};
+
+}  // namespace
+
+static Settings gst_kalpng_dec_settings(GstKalPngDec* dec) {
+    GST_OBJECT_LOCK(dec);
+    const Settings settings{dec->max_errors, dec->qos, dec->max_frame_bytes};
+    GST_OBJECT_UNLOCK(dec);
+    return settings;
 }
 
 static void gst_kalpng_dec_finalize(GObject* object) {
@@ -155,12 +253,38 @@ static void gst_kalpng_dec_push_held_segment(GstKalPngDec* dec) {
     gst_pad_push_event(dec->srcpad, event);
 }
 
-static void gst_kalpng_dec_update_segment(GstKalPngDec* dec, GstEvent* event) {
+// The element's own segment records what came, so that only a time segment clips; downstream
+// gets that segment, or for any other format a time segment from 0 with its rate and flags,
+// since raw video travels in time.
+static GstEvent* gst_kalpng_dec_update_segment(GstKalPngDec* dec, GstEvent* event) {
     gst_event_copy_segment(event, dec->segment);
     GST_INFO_OBJECT(
         dec, "Got NEWSEGMENT [%" GST_TIME_FORMAT " - %" GST_TIME_FORMAT " / %" GST_TIME_FORMAT "]",
         GST_TIME_ARGS(dec->segment->start), GST_TIME_ARGS(dec->segment->stop),
         GST_TIME_ARGS(dec->segment->position));
+    if (dec->segment->format == GST_FORMAT_TIME) {
+        gst_segment_copy_into(dec->segment, &dec->out_segment);
+        return event;
+    }
+    gst_segment_init(&dec->out_segment, GST_FORMAT_TIME);
+    dec->out_segment.rate = dec->segment->rate;
+    dec->out_segment.applied_rate = dec->segment->applied_rate;
+    dec->out_segment.flags = dec->segment->flags;
+    GstEvent* replacement = gst_event_new_segment(&dec->out_segment);
+    gst_event_set_seqnum(replacement, gst_event_get_seqnum(event));
+    gst_event_unref(event);
+    GST_DEBUG_OBJECT(dec, "sending a time segment downstream instead of the %s one",
+                     gst_format_get_name(dec->segment->format));
+    return replacement;
+}
+
+static void gst_kalpng_dec_drain(GstKalPngDec* dec);
+static void gst_kalpng_dec_discard_input(GstKalPngDec* dec);
+
+static void gst_kalpng_dec_forget_qos(GstKalPngDec* dec) {
+    GST_OBJECT_LOCK(dec);
+    dec->earliest_time = GST_CLOCK_TIME_NONE;
+    GST_OBJECT_UNLOCK(dec);
 }
 
 static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEvent* event) {
@@ -177,7 +301,7 @@ static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEve
             return TRUE;
         }
         case GST_EVENT_SEGMENT:
-            gst_kalpng_dec_update_segment(dec, event);
+            event = gst_kalpng_dec_update_segment(dec, event);
             if (!gst_pad_has_current_caps(dec->srcpad)) {
                 gst_kalpng_dec_hold_segment(dec, event);
                 return TRUE;
@@ -190,15 +314,39 @@ static gboolean gst_kalpng_dec_sink_event(GstPad* pad, GstObject* parent, GstEve
             break;
         case GST_EVENT_FLUSH_STOP:
             gst_kalpng_dec_set_pool_flushing(dec, FALSE);
-            [[fallthrough]];
+            gst_kalpng_dec_forget_qos(dec);
+            // A stream that tolerates bad input starts over cleanly after a seek.
+            if (gst_kalpng_dec_settings(dec).Tolerant()) gst_kalpng_dec_discard_input(dec);
+            gst_kalpng_dec_push_held_segment(dec);
+            break;
         case GST_EVENT_EOS:
-            // A stream that ends or restarts before its first frame still hands on its segment.
+            gst_kalpng_dec_drain(dec);
+            // A stream that ends before its first frame still hands on its segment.
             gst_kalpng_dec_push_held_segment(dec);
             break;
         default:
             break;
     }
     return gst_pad_push_event(dec->srcpad, event);
+}
+
+// Downstream's QoS events say how late frames arrive there; a frame whose end lies before
+// the reported time plus the lateness is late too.
+static gboolean gst_kalpng_dec_src_event(GstPad* pad, GstObject* parent, GstEvent* event) {
+    GstKalPngDec* dec = GST_KALPNG_DEC(parent);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_QOS) {
+        GstQOSType type;
+        gdouble proportion;
+        GstClockTimeDiff diff;
+        GstClockTime timestamp;
+        gst_event_parse_qos(event, &type, &proportion, &diff, &timestamp);
+        GST_OBJECT_LOCK(dec);
+        dec->earliest_time = GST_CLOCK_TIME_IS_VALID(timestamp) && diff > 0
+                                 ? timestamp + 2 * GstClockTime(diff)
+                                 : GST_CLOCK_TIME_NONE;
+        GST_OBJECT_UNLOCK(dec);
+    }
+    return gst_pad_event_default(pad, parent, event);
 }
 
 static void gst_kalpng_dec_reset(GstKalPngDec* dec) {
@@ -211,7 +359,13 @@ static void gst_kalpng_dec_reset(GstKalPngDec* dec) {
     dec->last_fps_n = 0;
     dec->last_width = -1;
     gst_segment_init(dec->segment, GST_FORMAT_UNDEFINED);
+    gst_segment_init(&dec->out_segment, GST_FORMAT_TIME);
     gst_event_replace(&dec->held_segment, nullptr);
+    dec->last_par_n = dec->last_par_d = 1;
+    dec->errors = 0;
+    dec->failed = FALSE;
+    dec->processed = dec->dropped = 0;
+    gst_kalpng_dec_forget_qos(dec);
     dec->input.Construct();
 }
 
@@ -239,6 +393,8 @@ namespace {
 // A decoded picture; its pixels are released with the frame on every path.
 struct DecodedFrame {
     STImageSimple image{};
+    gint par_n = 1;
+    gint par_d = 1;
 
     DecodedFrame() = default;
     DecodedFrame(const DecodedFrame&) = delete;
@@ -255,21 +411,68 @@ using BufferHolder = std::unique_ptr<GstBuffer, BufferUnref>;
 
 }  // namespace
 
+// The pixel aspect ratio of a pHYs chunk in pixels per metre, reduced; 1/1 without one, with
+// another unit, or with a ratio beyond what any display means. Reads the chunk headers of a
+// PNG the decoder has accepted and puts the stream back where it was.
+static void gst_kalpng_dec_read_aspect(MMStream* stream, DecodedFrame& frame) {
+    unsigned long resume = 0;
+    if (!MMStreamTell(stream, &resume) || !MMStreamSeek(stream, 8, MMStreamSeekFromBegin)) return;
+    guint8 head[8];
+    unsigned long at = 8;
+    while (MMStreamGet(stream, head, 8) == 8 && memcmp(head + 4, "IDAT", 4) != 0) {
+        const guint32 length = GST_READ_UINT32_BE(head);
+        guint8 phys[9];
+        if (memcmp(head + 4, "pHYs", 4) == 0) {
+            if (length == 9 && MMStreamGet(stream, phys, 9) == 9 && phys[8] == 1) {
+                const guint64 x = GST_READ_UINT32_BE(phys), y = GST_READ_UINT32_BE(phys + 4);
+                if (x && y && x <= kMaxAspect * y && y <= kMaxAspect * x) {
+                    // The width of a pixel over its height.
+                    const guint64 divisor = gst_util_greatest_common_divisor_int64(x, y);
+                    if (y / divisor <= G_MAXINT && x / divisor <= G_MAXINT) {
+                        frame.par_n = gint(y / divisor);
+                        frame.par_d = gint(x / divisor);
+                    } else {
+                        gst_util_double_to_fraction(double(y) / double(x), &frame.par_n,
+                                                    &frame.par_d);
+                    }
+                }
+            }
+            break;
+        }
+        at += 8 + guint64(length) + 4;
+        if (!MMStreamSeek(stream, long(at), MMStreamSeekFromBegin)) break;
+    }
+    MMStreamSeek(stream, long(resume), MMStreamSeekFromBegin);
+}
+
 // Decodes the complete PNG held by the input and starts a fresh input with the bytes that
-// followed it. A failed decode leaves the input complete, so the same PNG fails again until
-// the next READY to PAUSED.
-static void gst_kalpng_dec_decode(GstKalPngDec* dec, DecodedFrame& frame) {
+// followed it. A failed decode leaves the input complete.
+static void gst_kalpng_dec_decode(GstKalPngDec* dec, const Settings& settings,
+                                  DecodedFrame& frame) {
     if (!MMStreamReady(dec->input.stream)) kau::Error::Throw(kElementFile, kErrStreamNotReady);
-    if (!DecodePNG(dec->input.stream, kDefaultAlpha, &frame.image)) {
+    kpng::DecodeOptions options;
+    options.maxOutputBytes = settings.max_frame_bytes;
+    if (!DecodePNG(dec->input.stream, kDefaultAlpha, &frame.image, options)) {
         kau::Error::Throw(kElementFile, kErrDecode);
     }
+    gst_kalpng_dec_read_aspect(dec->input.stream, frame);
+    GST_DEBUG_OBJECT(dec, "decoded a PNG of %u bytes: %ux%u, pixel aspect %d/%d",
+                     dec->input.pngSize, frame.image.width, frame.image.height, frame.par_n,
+                     frame.par_d);
     dec->input.ResetStreamWithDataAfterIEND();
 }
 
 static GstCaps* gst_kalpng_dec_output_caps(const GstKalPngDec* dec) {
-    return gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "RGBA", "width", G_TYPE_INT,
-                               dec->last_width, "height", G_TYPE_INT, dec->last_height, "framerate",
-                               GST_TYPE_FRACTION, dec->last_fps_n, dec->last_fps_d, nullptr);
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, GST_VIDEO_FORMAT_RGBA, guint(dec->last_width),
+                              guint(dec->last_height));
+    info.fps_n = dec->last_fps_n;
+    info.fps_d = dec->last_fps_d;
+    info.par_n = dec->last_par_n;
+    info.par_d = dec->last_par_d;
+    info.interlace_mode = GST_VIDEO_INTERLACE_MODE_PROGRESSIVE;
+    gst_video_colorimetry_from_string(&info.colorimetry, GST_VIDEO_COLORIMETRY_SRGB);
+    return gst_video_info_to_caps(&info);
 }
 
 static bool gst_kalpng_dec_start_pool(GstBufferPool* pool, GstCaps* caps, guint size, guint min,
@@ -412,10 +615,14 @@ static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
         gst_clear_object(&pool);
     }
     if (!pool && gst_kalpng_dec_own_pool_fits(dec, size, min, max)) {
+        GST_DEBUG_OBJECT(dec, "keeping our own pool for %u-byte frames", size);
         gst_caps_unref(caps);
         return;
     }
-    if (!pool) {
+    if (pool) {
+        GST_DEBUG_OBJECT(dec, "using downstream's pool for %u-byte frames", size);
+    } else {
+        GST_DEBUG_OBJECT(dec, "using a pool of our own for %u-byte frames", size);
         pool = gst_kalpng_dec_pool_new();
         if (!gst_kalpng_dec_start_pool(pool, caps, size, min, max)) gst_clear_object(&pool);
     }
@@ -424,13 +631,14 @@ static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
     if (!pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
 }
 
-// Sets new source caps when the frame's size or the frame rate changed, and agrees on a new
-// pool then or when downstream asks for renegotiation.
-static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const STImageSimple& image) {
-    const gint width = gint(image.width);
-    const gint height = gint(image.height);
+// Sets new source caps when the frame's size, aspect or the frame rate changed, and agrees on a
+// new pool then or when downstream asks for renegotiation.
+static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const DecodedFrame& frame) {
+    const gint width = gint(frame.image.width);
+    const gint height = gint(frame.image.height);
     const bool reconfigure = gst_pad_check_reconfigure(dec->srcpad);
     const bool changed = width != dec->last_width || height != dec->last_height ||
+                         frame.par_n != dec->last_par_n || frame.par_d != dec->last_par_d ||
                          dec->fps_n != dec->last_fps_n || dec->fps_d != dec->last_fps_d;
     if (changed) {
         if (dec->fps_d == 0) {
@@ -439,6 +647,8 @@ static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const STImageSimple& ima
         }
         dec->last_width = width;
         dec->last_height = height;
+        dec->last_par_n = frame.par_n;
+        dec->last_par_d = frame.par_d;
         dec->last_fps_n = dec->fps_n;
         dec->last_fps_d = dec->fps_d;
         GstCaps* caps = gst_kalpng_dec_output_caps(dec);
@@ -446,37 +656,48 @@ static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const STImageSimple& ima
         gst_caps_unref(caps);
         gst_kalpng_dec_push_held_segment(dec);
     }
-    if (changed || reconfigure || !dec->pool) gst_kalpng_dec_decide_pool(dec, image.dataSize);
+    if (changed || reconfigure || !dec->pool) gst_kalpng_dec_decide_pool(dec, frame.image.dataSize);
 }
 
-static BufferHolder gst_kalpng_dec_allocate(GstKalPngDec* dec, const STImageSimple& image) {
+// A pool that is flushing answers GST_FLOW_FLUSHING, which ends the call quietly: during a
+// flushing seek that is the normal state, not a failure.
+static GstFlowReturn gst_kalpng_dec_allocate(GstKalPngDec* dec, const STImageSimple& image,
+                                             BufferHolder& holder) {
     GstBuffer* out = nullptr;
-    if (gst_buffer_pool_acquire_buffer(dec->pool, &out, nullptr) != GST_FLOW_OK || !out) {
-        kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    const GstFlowReturn flow = gst_buffer_pool_acquire_buffer(dec->pool, &out, nullptr);
+    if (flow == GST_FLOW_FLUSHING) {
+        GST_DEBUG_OBJECT(dec, "the pool is flushing");
+        return flow;
     }
-    BufferHolder holder(out);
+    if (flow != GST_FLOW_OK || !out) kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    holder.reset(out);
     if (gst_buffer_get_size(out) < image.dataSize)
         kau::Error::Throw(kElementFile, kErrOutputBuffer);
     gst_buffer_set_size(out, image.dataSize);
-    return holder;
+    return GST_FLOW_OK;
+}
+
+// The duration of the next frame: in packetized mode the incoming one or one frame period.
+static GstClockTime gst_kalpng_dec_duration(const GstKalPngDec* dec, GstClockTime in_duration) {
+    if (!dec->packetized || !GST_CLOCK_TIME_IS_VALID(dec->next_ts)) return GST_CLOCK_TIME_NONE;
+    if (GST_CLOCK_TIME_IS_VALID(in_duration)) return in_duration;
+    if (dec->fps_n == 0) return GST_CLOCK_TIME_NONE;
+    return gst_util_uint64_scale(GST_SECOND, dec->fps_d, dec->fps_n);
 }
 
 // Output timing: the incoming timestamp when there is one, then in packetized mode each
-// frame follows the previous one by the incoming duration or one frame period.
-static void gst_kalpng_dec_stamp(GstKalPngDec* dec, GstBuffer* out, GstBuffer* in) {
-    GST_BUFFER_PTS(out) = dec->next_ts;
-
-    GstClockTime duration = GST_CLOCK_TIME_NONE;
-    if (dec->packetized && GST_CLOCK_TIME_IS_VALID(dec->next_ts)) {
-        if (GST_BUFFER_DURATION_IS_VALID(in)) {
-            duration = GST_BUFFER_DURATION(in);
-        } else if (dec->fps_n != 0) {
-            duration = gst_util_uint64_scale(GST_SECOND, dec->fps_d, dec->fps_n);
-        }
-    }
-    GST_BUFFER_DURATION(out) = duration;
+// frame follows the previous one by the incoming duration or one frame period. Answers the
+// frame's duration; its timestamp is next_ts as it was.
+static GstClockTime gst_kalpng_dec_advance(GstKalPngDec* dec, GstClockTime in_duration) {
+    const GstClockTime duration = gst_kalpng_dec_duration(dec, in_duration);
     dec->next_ts =
         GST_CLOCK_TIME_IS_VALID(duration) ? dec->next_ts + duration : GST_CLOCK_TIME_NONE;
+    return duration;
+}
+
+static void gst_kalpng_dec_stamp(GstKalPngDec* dec, GstBuffer* out, GstClockTime in_duration) {
+    GST_BUFFER_PTS(out) = dec->next_ts;
+    GST_BUFFER_DURATION(out) = gst_kalpng_dec_advance(dec, in_duration);
 }
 
 // Cuts the frame to a TIME segment. A frame without duration counts as a zero-length span
@@ -514,46 +735,240 @@ static void gst_kalpng_dec_fill(GstKalPngDec* dec, GstBuffer* out, const STImage
         GST_TIME_ARGS(GST_BUFFER_PTS(out)), GST_TIME_ARGS(GST_BUFFER_DURATION(out)));
 }
 
+// ---------------------------------------------------------------------------------------------
+// Failures, skipped frames and the end of the stream
+
+// Tells the application why, besides the printed reports: the reason in words, and where the
+// first report was printed ("kpng +576") for whoever reads the debug text.
+static void gst_kalpng_dec_post(GstKalPngDec* dec, bool fatal, const char* words,
+                                const char* debug) {
+    GST_WARNING_OBJECT(dec, "%s (%s)", words, debug);
+    if (fatal) {
+        GST_ELEMENT_ERROR(dec, STREAM, DECODE, ("%s", words), ("%s", debug));
+    } else {
+        GST_ELEMENT_WARNING(dec, STREAM, DECODE, ("%s", words), ("%s", debug));
+    }
+}
+
+static void gst_kalpng_dec_post_report(GstKalPngDec* dec, bool fatal,
+                                       const kau::FirstReport& first) {
+    const char* file = first.FileName();
+    const char* module = strrchr(file, '/');
+    gchar* debug = g_strdup_printf("%s +%d", module ? module + 1 : file, first.Position());
+    gst_kalpng_dec_post(dec, fatal, kpng::DescribeFailure(file, first.Position()), debug);
+    g_free(debug);
+}
+
+static void gst_kalpng_dec_discard_input(GstKalPngDec* dec) {
+    if (dec->input.pngSize) {
+        GST_DEBUG_OBJECT(dec, "discarding %u bytes of an unfinished PNG", dec->input.pngSize);
+    }
+    dec->input.Destruct();
+    dec->input.Construct();
+}
+
+// Drops the complete PNG the input holds and keeps every byte stored after it: from the end of
+// the stream, the input's carry-over takes them all.
+static void gst_kalpng_dec_discard_png(GstKalPngDec* dec) {
+    GST_DEBUG_OBJECT(dec, "discarding a PNG of %u bytes", dec->input.pngSize);
+    if (!MMStreamSeek(dec->input.stream, 0, MMStreamSeekFromEnd)) {
+        gst_kalpng_dec_discard_input(dec);
+        return;
+    }
+    dec->input.ResetStreamWithDataAfterIEND();
+}
+
+// One more failed PNG in a row. Within max-errors it is dropped with a warning and decoding
+// goes on with the bytes after it; beyond, the stream ends with an error, and the PNG stays
+// held as it was.
+static GstFlowReturn gst_kalpng_dec_failed(GstKalPngDec* dec, const Settings& settings) {
+    ++dec->errors;
+    if (settings.max_errors >= 0 && dec->errors > settings.max_errors) {
+        dec->failed = TRUE;
+        return GST_FLOW_ERROR;
+    }
+    if (dec->input.Complete()) {
+        gst_kalpng_dec_discard_png(dec);
+    } else {
+        gst_kalpng_dec_discard_input(dec);
+    }
+    return GST_FLOW_OK;
+}
+
+static GstFlowReturn gst_kalpng_dec_bad_png(GstKalPngDec* dec, const Settings& settings,
+                                            const kau::FirstReport& first) {
+    const GstFlowReturn flow = gst_kalpng_dec_failed(dec, settings);
+    gst_kalpng_dec_post_report(dec, flow != GST_FLOW_OK, first);
+    return flow;
+}
+
+// A PNG left unfinished where it can have no more bytes: by a new buffer in packetized mode
+// when bad input is tolerated, or by the end of the stream.
+static GstFlowReturn gst_kalpng_dec_unfinished_png(GstKalPngDec* dec, const Settings& settings,
+                                                   bool at_end) {
+    gchar* debug = g_strdup_printf("%u bytes discarded", dec->input.pngSize);
+    const char* words = "a PNG ends early";
+    GstFlowReturn flow = GST_FLOW_OK;
+    if (at_end) {
+        gst_kalpng_dec_discard_input(dec);
+    } else {
+        flow = gst_kalpng_dec_failed(dec, settings);
+    }
+    gst_kalpng_dec_post(dec, flow != GST_FLOW_OK, words, debug);
+    g_free(debug);
+    return flow;
+}
+
+// Whether the frame the held PNG would give ends before the earliest time downstream can
+// still show it.
+static bool gst_kalpng_dec_late(GstKalPngDec* dec, GstClockTime in_duration) {
+    GST_OBJECT_LOCK(dec);
+    const GstClockTime earliest = dec->earliest_time;
+    GST_OBJECT_UNLOCK(dec);
+    if (!GST_CLOCK_TIME_IS_VALID(earliest) || !GST_CLOCK_TIME_IS_VALID(dec->next_ts)) return false;
+    const GstClockTime duration = gst_kalpng_dec_duration(dec, in_duration);
+    const GstClockTime end = dec->next_ts + (GST_CLOCK_TIME_IS_VALID(duration) ? duration : 0);
+    const GstClockTime running =
+        gst_segment_to_running_time(&dec->out_segment, GST_FORMAT_TIME, end);
+    return GST_CLOCK_TIME_IS_VALID(running) && running < earliest;
+}
+
+// The late frame's bytes are consumed and its time passes as if it had been sent.
+static void gst_kalpng_dec_skip_late(GstKalPngDec* dec, GstClockTime in_duration) {
+    const GstClockTime pts = dec->next_ts;
+    const GstClockTime duration = gst_kalpng_dec_advance(dec, in_duration);
+    gst_kalpng_dec_discard_png(dec);
+    ++dec->dropped;
+    GST_DEBUG_OBJECT(dec, "skipped a late frame at %" GST_TIME_FORMAT, GST_TIME_ARGS(pts));
+    GstMessage* message = gst_message_new_qos(
+        GST_OBJECT(dec), FALSE,
+        gst_segment_to_running_time(&dec->out_segment, GST_FORMAT_TIME, pts),
+        gst_segment_to_stream_time(&dec->out_segment, GST_FORMAT_TIME, pts), pts, duration);
+    gst_message_set_qos_stats(message, GST_FORMAT_BUFFERS, dec->processed, dec->dropped);
+    gst_element_post_message(GST_ELEMENT(dec), message);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The chain
+
+static GstFlowReturn gst_kalpng_dec_send(GstKalPngDec* dec, const DecodedFrame& frame,
+                                         GstClockTime in_duration) {
+    gst_kalpng_dec_negotiate(dec, frame);
+    BufferHolder out;
+    GstFlowReturn flow = gst_kalpng_dec_allocate(dec, frame.image, out);
+    if (flow != GST_FLOW_OK) return flow;
+    gst_kalpng_dec_stamp(dec, out.get(), in_duration);
+    if (dec->segment->format == GST_FORMAT_TIME && !gst_kalpng_dec_clip(dec, out.get())) {
+        return GST_FLOW_OK;
+    }
+    gst_kalpng_dec_fill(dec, out.get(), frame.image);
+    flow = gst_pad_push(dec->srcpad, out.release());
+    if (flow != GST_FLOW_OK) GST_ERROR_OBJECT(dec, "could not push output buffer");
+    return flow;
+}
+
+// Turns the complete PNG the input holds into a frame, or skips it when it is already late.
+static GstFlowReturn gst_kalpng_dec_frame(GstKalPngDec* dec, const Settings& settings,
+                                          GstClockTime in_duration) {
+    kau::FirstReport first;
+    DecodedFrame frame;
+    try {
+        if (settings.qos && gst_kalpng_dec_late(dec, in_duration)) {
+            gst_kalpng_dec_skip_late(dec, in_duration);
+            return GST_FLOW_OK;
+        }
+        gst_kalpng_dec_decode(dec, settings, frame);
+    } catch (...) {
+        kau::ReportCurrentException(kElementFile, kCatchChain);
+        return gst_kalpng_dec_bad_png(dec, settings, first);
+    }
+    dec->errors = 0;
+    ++dec->processed;
+    try {
+        return gst_kalpng_dec_send(dec, frame, in_duration);
+    } catch (...) {
+        kau::ReportCurrentException(kElementFile, kCatchChain);
+        dec->failed = TRUE;
+        gst_kalpng_dec_post_report(dec, true, first);
+        return GST_FLOW_ERROR;
+    }
+}
+
+// Where a PNG can start in a stream that tolerates bad input: at the signature, or at a piece
+// of it that the end of the bytes cuts off.
+static unsigned long gst_kalpng_dec_signature_offset(const guint8* bytes, unsigned long count) {
+    for (unsigned long i = 0; i < count; ++i) {
+        const unsigned long n = count - i < 8 ? count - i : 8;
+        if (memcmp(bytes + i, kpng::kpngSignature, n) == 0) return i;
+    }
+    return count;
+}
+
+// Pushes the bytes into the input and answers whether they completed a PNG.
+static GstFlowReturn gst_kalpng_dec_collect(GstKalPngDec* dec, const Settings& settings,
+                                            const guint8* bytes, unsigned long count,
+                                            bool* complete) {
+    kau::FirstReport first;
+    try {
+        if (settings.Tolerant() && dec->input.signatureCount == 0) {
+            const unsigned long skipped = gst_kalpng_dec_signature_offset(bytes, count);
+            if (skipped) GST_DEBUG_OBJECT(dec, "skipping %lu bytes before a PNG", skipped);
+            bytes += skipped;
+            count -= skipped;
+        }
+        *complete = dec->input.Push(bytes, count) == 0;
+        dec->input.CheckSize(settings.max_frame_bytes);
+        return GST_FLOW_OK;
+    } catch (...) {
+        kau::ReportCurrentException(kElementFile, kCatchChain);
+        *complete = false;
+        return gst_kalpng_dec_bad_png(dec, settings, first);
+    }
+}
+
 // Pushes the buffer's bytes into the input and sends out the frame they complete, if any.
-// One buffer yields at most one frame: after a frame the input is pushed zero bytes, which
-// always asks for more, so a second PNG already held waits for the next buffer.
+// One buffer yields at most one frame: a second PNG already held waits for the next buffer.
 static GstFlowReturn gst_kalpng_dec_chain(GstPad*, GstObject* parent, GstBuffer* buf) {
     GstKalPngDec* dec = GST_KALPNG_DEC(parent);
+    const Settings settings = gst_kalpng_dec_settings(dec);
     if (GST_BUFFER_PTS_IS_VALID(buf)) dec->next_ts = GST_BUFFER_PTS(buf);
 
     GstMapInfo in;
     const bool mapped = gst_buffer_map(buf, &in, GST_MAP_READ);
-    const guint8* bytes = mapped ? in.data : nullptr;
-    unsigned long count = mapped ? in.size : 0;
+    // An empty buffer maps to no memory: it is a push of nothing, which asks for more.
+    const guint8* bytes = mapped && in.data ? in.data : kNoBytes;
+    const unsigned long count = mapped ? in.size : 0;
 
     GstFlowReturn flow = GST_FLOW_OK;
-    try {
-        while (dec->input.Push(bytes, count) == 0) {
-            DecodedFrame frame;
-            gst_kalpng_dec_decode(dec, frame);
-            gst_kalpng_dec_negotiate(dec, frame.image);
-            BufferHolder out = gst_kalpng_dec_allocate(dec, frame.image);
-            gst_kalpng_dec_stamp(dec, out.get(), buf);
-            if (dec->segment->format == GST_FORMAT_TIME && !gst_kalpng_dec_clip(dec, out.get())) {
-                break;
-            }
-            gst_kalpng_dec_fill(dec, out.get(), frame.image);
-
-            flow = gst_pad_push(dec->srcpad, out.release());
-            if (flow != GST_FLOW_OK) {
-                GST_ERROR_OBJECT(dec, "could not push output buffer");
-                break;
-            }
-            count = 0;
-        }
-    } catch (...) {
-        kau::ReportCurrentException(kElementFile, kCatchChain);
-        flow = GST_FLOW_ERROR;
+    // Tolerating bad input, each buffer of a packetized stream that opens with a signature
+    // starts a PNG, so that one cut short cannot take the next one for its missing bytes.
+    if (settings.Tolerant() && dec->packetized && !dec->failed && dec->input.pngSize &&
+        !dec->input.Complete() && count >= sizeof kpng::kpngSignature &&
+        memcmp(bytes, kpng::kpngSignature, sizeof kpng::kpngSignature) == 0) {
+        flow = gst_kalpng_dec_unfinished_png(dec, settings, false);
+    }
+    bool complete = false;
+    if (flow == GST_FLOW_OK) flow = gst_kalpng_dec_collect(dec, settings, bytes, count, &complete);
+    if (flow == GST_FLOW_OK && complete) {
+        flow = gst_kalpng_dec_frame(dec, settings, GST_BUFFER_DURATION(buf));
     }
 
     if (mapped) gst_buffer_unmap(buf, &in);
     gst_buffer_unref(buf);
     return flow;
+}
+
+// At the end of the stream every complete PNG still held becomes a frame, in order; the bytes
+// of an unfinished one are discarded with a warning. A stream that failed keeps what it holds.
+static void gst_kalpng_dec_drain(GstKalPngDec* dec) {
+    const Settings settings = gst_kalpng_dec_settings(dec);
+    GstFlowReturn flow = GST_FLOW_OK;
+    while (flow == GST_FLOW_OK && !dec->failed && dec->input.Complete()) {
+        flow = gst_kalpng_dec_frame(dec, settings, GST_CLOCK_TIME_NONE);
+    }
+    if (flow == GST_FLOW_OK && !dec->failed && dec->input.pngSize) {
+        gst_kalpng_dec_unfinished_png(dec, settings, true);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gst/gst.h>
+#include <gst/video/video.h>
 
 #include "kpng.h"
 
@@ -36,6 +37,27 @@ struct GstKalPngDec {
 
     // Output buffers of the current caps, agreed with downstream; null until the first frame.
     GstBufferPool* pool;
+
+    // The segment sent downstream: always in time, even when upstream's is not.
+    GstSegment out_segment;
+    // Pixel aspect ratio in the caps last set.
+    gint32 last_par_n;
+    gint32 last_par_d;
+
+    // Properties, under the object lock.
+    gint max_errors;
+    gboolean qos;
+    guint64 max_frame_bytes;
+
+    // Failed PNGs in a row; a failure that ended the stream leaves its PNG held and this set.
+    gint errors;
+    gboolean failed;
+
+    // Running time before which a frame is too late to be worth decoding, from downstream's QoS
+    // events (under the object lock); frames decoded and skipped since READY to PAUSED.
+    GstClockTime earliest_time;
+    guint64 processed;
+    guint64 dropped;
 };
 
 struct GstKalPngDecClass {

@@ -68,3 +68,23 @@ int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image
         [&] { return new kpng::Decoder(stream, static_cast<unsigned char>(defaultAlpha)); },
         [](const kpng::Decoder&) {});
 }
+
+int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaultAlpha,
+              STImageSimple* image, const kpng::DecodeOptions& options) {
+    return Decode(
+        png && uint32_t(size) && defaultAlpha <= 255 && image, image, true, kMemory,
+        [&] {
+            return new kpng::Decoder(png, size, static_cast<unsigned char>(defaultAlpha), options);
+        },
+        [](const kpng::Decoder&) {});
+}
+
+int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image,
+              const kpng::DecodeOptions& options) {
+    return Decode(
+        stream && defaultAlpha <= 255 && image, image, true, kStream,
+        [&] {
+            return new kpng::Decoder(stream, static_cast<unsigned char>(defaultAlpha), options);
+        },
+        [](const kpng::Decoder&) {});
+}

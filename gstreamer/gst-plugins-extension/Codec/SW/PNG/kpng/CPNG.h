@@ -5,6 +5,9 @@
 #include <cstdint>
 
 class MMStream;
+namespace kpng {
+struct DecodeOptions;
+}
 
 // A decoded image: 4 bytes per pixel, R, G, B, A, rows top to bottom without padding.
 // The caller owns `data` and releases it with kau::mem::Delete.
@@ -43,3 +46,9 @@ int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaul
               STImageSimple* image);
 // Reads from the stream's position, which is left wherever the decoder's last read stopped.
 int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image);
+// The same two, with the options of one decode (kpng::DecodeOptions); their failures are
+// reported at the same positions.
+int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaultAlpha,
+              STImageSimple* image, const kpng::DecodeOptions& options);
+int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image,
+              const kpng::DecodeOptions& options);

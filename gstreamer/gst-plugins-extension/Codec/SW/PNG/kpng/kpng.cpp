@@ -411,6 +411,23 @@ Decoder::Decoder(MMStream* source, unsigned char alpha) : stream(source), defaul
 
 Decoder::~Decoder() = default;
 
+Decoder::Decoder(const unsigned char* data, unsigned long size, unsigned char alpha,
+                 const DecodeOptions& options)
+    : Decoder(data, size, alpha) {
+    CheckOptions(options);
+}
+
+Decoder::Decoder(MMStream* source, unsigned char alpha, const DecodeOptions& options)
+    : Decoder(source, alpha) {
+    CheckOptions(options);
+}
+
+// Construction stops before the image data, and no pixel or row memory has been taken yet.
+void Decoder::CheckOptions(const DecodeOptions& options) const {
+    const uint64_t outputBytes = uint64_t{width} * 4 * height;
+    if (options.maxOutputBytes && outputBytes > options.maxOutputBytes) Fail(kErrOutputOverLimit);
+}
+
 void Decoder::ConstructFromMemory(const unsigned char* data, uint32_t size) {
     if (!data || size == 0) Fail(kErrNoMemoryInput);
     readCursor = data;
@@ -1104,6 +1121,14 @@ bool Input::SkipDataAndCrc(const unsigned char*& p, const unsigned char* end) {
     return false;
 }
 
+bool Input::Complete() const {
+    return currentType == kIendType && crcCount == 4;
+}
+
+void Input::CheckSize(uint64_t maxBytes) const {
+    if (maxBytes && pngSize > maxBytes) Fail(kErrInputOverLimit);
+}
+
 void Input::ResetStreamWithDataAfterIEND() {
     unsigned long position = 0;
     if (!stream || !MMStreamTell(stream, &position) || uint32_t(position) < pngSize)
@@ -1147,6 +1172,7 @@ constexpr FailureWords kDecoderFailures[] = {
     {kErrNoStream, "there is no input"},
     {kErrNoImageData, "the PNG has no image data"},
     {kErrOutputAllocate, "the image is too large for memory"},
+    {kErrOutputOverLimit, "the image is larger than the limit set for a frame"},
     {kErrInterlacedOutputAllocate, "the image is too large for memory"},
     {kErrIdatMissing, "the image data ends early"},
     {kErrInflate, "the compressed image data is corrupt"},
@@ -1206,6 +1232,7 @@ constexpr FailureWords kDecoderFailures[] = {
     {kErrResetSeek, "the bytes after the PNG could not be kept"},
     {kErrResetAllocate, "the bytes after the PNG could not be kept"},
     {kErrResetRead, "the bytes after the PNG could not be kept"},
+    {kErrInputOverLimit, "the PNG is larger than the limit set for a frame"},
 };
 
 // Every failure of the foundation's memory services is a shortage of memory but one: a size

@@ -46,6 +46,7 @@ inline constexpr int kCatchStreamConstructor = 78;
 inline constexpr int kErrStreamConstructor = 82;
 inline constexpr int kErrNoImageData = 89;
 inline constexpr int kErrOutputAllocate = 100;
+inline constexpr int kErrOutputOverLimit = 101;
 inline constexpr int kErrInterlacedOutputAllocate = 109;
 inline constexpr int kCatchDecodeImage = 161;
 inline constexpr int kErrIdatMissing = 514;
@@ -108,6 +109,7 @@ inline constexpr int kErrResetSeek = 1031;
 inline constexpr int kErrResetAllocate = 1032;
 inline constexpr int kErrResetRead = 1033;
 inline constexpr int kCatchReset = 1037;
+inline constexpr int kErrInputOverLimit = 1040;
 
 // The 8 bytes that open every PNG file.
 inline constexpr unsigned char kpngSignature[8] = {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
@@ -136,6 +138,13 @@ const char* DescribeFailure(const char* file, int position);
 // no decoder runs.
 void UseVectorRowPaths(bool enabled);
 
+// What a caller asks of one decode beyond the defaults; a default record changes nothing.
+struct DecodeOptions {
+    // Bytes of output pixels (width x 4 x height) above which a PNG is refused once its header
+    // has been read, before any pixel memory is taken; 0: no limit.
+    uint64_t maxOutputBytes = 0;
+};
+
 // Decodes one PNG, held in memory or read from a stream, into R, G, B, A bytes.
 // Construction validates the signature, the header and every chunk up to the first image data;
 // a failure there is reported and then raised at kErrMemoryConstructor or
@@ -146,6 +155,11 @@ class Decoder : public kiu::Decoder {
     Decoder(const unsigned char* data, unsigned long size, unsigned char defaultAlpha);
     // Reads with MMStreamGet from the stream's position; the stream must outlive the decoder.
     Decoder(MMStream* stream, unsigned char defaultAlpha);
+    // The same, then the options' limits are checked against the header (raising
+    // kErrOutputOverLimit without a report of the decoder's own).
+    Decoder(const unsigned char* data, unsigned long size, unsigned char defaultAlpha,
+            const DecodeOptions& options);
+    Decoder(MMStream* stream, unsigned char defaultAlpha, const DecodeOptions& options);
     ~Decoder() override;
     Decoder(const Decoder&) = delete;
     Decoder& operator=(const Decoder&) = delete;
@@ -199,6 +213,7 @@ class Decoder : public kiu::Decoder {
     void ReadAndCheckbKGD(uint32_t length);
     void ReadAndCheckUnknown(uint32_t length);
     void CheckValidInputStreamTail();
+    void CheckOptions(const DecodeOptions& options) const;
 
     // Image data and rows.
     int InflateZstreamFromIDAT();
@@ -301,6 +316,10 @@ struct Input {
     void TakeLength(const unsigned char*& p, const unsigned char* end);
     void TakeType(const unsigned char*& p, const unsigned char* end);
     bool SkipDataAndCrc(const unsigned char*& p, const unsigned char* end);
+    // True once the PNG's IEND chunk has been passed to its last CRC byte.
+    bool Complete() const;
+    // Raises kErrInputOverLimit when more than `maxBytes` bytes (0: no limit) belong to the PNG.
+    void CheckSize(uint64_t maxBytes) const;
 };
 
 }  // namespace kpng
