@@ -131,6 +131,8 @@ const char* DescribeFailure(const char* file, int position);
 // no decoder runs.
 void UseVectorRowPaths(bool enabled);
 
+struct RowRoutines;
+
 // Decodes one PNG, held in memory or read from a stream, into R, G, B, A bytes.
 // Construction validates the signature, the header and every chunk up to the first image data;
 // a failure there is reported and then raised at kErrMemoryConstructor or
@@ -194,12 +196,9 @@ class Decoder : public kiu::Decoder {
     void SetRowGeometry(uint32_t pixels);
     void DecodeRows(unsigned char*& output);
     void DecodeInterlacedRows(unsigned char*& output);
-    void ReadRow();
-    void ReadRowInterlaced(unsigned char* outputRow, int pass);
-    void Unfilter(unsigned filterType);
-    void PreparePixelTable();
-    void ExpandRow(unsigned char* row);
-    void ExpandRowWithPalette(unsigned char* row);
+    void PrepareRows();
+    void ReadRow(bool firstRow);
+    void ReadRowInterlaced(unsigned char* outputRow, int pass, bool firstRow);
 
     int32_t alphaDepth = 0;
     unsigned char* readBuffer = nullptr;
@@ -242,6 +241,8 @@ class Decoder : public kiu::Decoder {
     // Output pixel (R, G, B, A in memory order) of every palette index or 8-bit grey value,
     // and of every low-depth grey sample; built once before the first row.
     uint32_t pixelTable[256] = {};
+    // The image's unfilter and expansion routines, chosen once before the first row.
+    RowRoutines* rowRoutines = nullptr;
 };
 
 // Collects a PNG that arrives in pieces into a page-array stream, walking its chunk structure to
