@@ -159,18 +159,36 @@ ZIN_CRC_TARGET uint32_t CrcArm(uint32_t c, const unsigned char* p, uint32_t n) {
 constexpr uint32_t kAdlerBase = 65521;
 constexpr uint32_t kAdlerRun = 5552;
 
+// 64 bytes as 16 words of four byte columns, the even and the odd columns as two 16-bit lanes
+// of one word each: `sums` gains each word's columns and `before`, ahead of that, the sums of
+// the words before it, few enough that no lane passes 16 bits. Then a gains the four columns,
+// and b 64 copies of a, four times the sums before each word and the columns weighted 4, 3, 2, 1
+// by how often each byte of a word is summed.
+void Adler64Bytes(uint32_t& a, uint32_t& b, const unsigned char* p) {
+    uint32_t sumsEven = 0, sumsOdd = 0, beforeEven = 0, beforeOdd = 0;
+    for (int k = 0; k < 16; ++k, p += 4) {
+        const uint32_t word = Load32(p);
+        beforeEven += sumsEven;
+        beforeOdd += sumsOdd;
+        sumsEven += word & 0x00FF00FF;
+        sumsOdd += (word >> 8) & 0x00FF00FF;
+    }
+    const uint32_t column0 = sumsEven & 0xFFFF, column1 = sumsOdd & 0xFFFF;
+    const uint32_t column2 = sumsEven >> 16, column3 = sumsOdd >> 16;
+    const uint32_t before =
+        (beforeEven & 0xFFFF) + (beforeEven >> 16) + (beforeOdd & 0xFFFF) + (beforeOdd >> 16);
+    b += 64 * a + 4 * before + 4 * column0 + 3 * column1 + 2 * column2 + column3;
+    a += column0 + column1 + column2 + column3;
+}
+
 uint32_t Adler32Scalar(uint32_t adler, const unsigned char* p, uint32_t n) {
     uint32_t a = adler & 0xffff;
     uint32_t b = adler >> 16;
     while (n > 0) {
         uint32_t run = n < kAdlerRun ? n : kAdlerRun;
         n -= run;
-        for (; run >= 8; run -= 8, p += 8) {
-            // b gains 8 copies of a plus the bytes weighted by how often each is summed.
-            b += 8 * a + 8u * p[0] + 7u * p[1] + 6u * p[2] + 5u * p[3] + 4u * p[4] + 3u * p[5] +
-                 2u * p[6] + p[7];
-            a += p[0] + p[1] + p[2] + p[3] + p[4] + p[5] + p[6] + p[7];
-        }
+        for (; run >= 64; run -= 64, p += 64)
+            Adler64Bytes(a, b, p);
         for (; run > 0; --run) {
             a += *p++;
             b += a;

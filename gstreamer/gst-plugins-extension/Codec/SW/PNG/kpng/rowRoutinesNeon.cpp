@@ -17,77 +17,83 @@ namespace {
 
 // ---- Sub, Average and Paeth for pixels of 3 or 4 bytes ----
 //
-// Four pixels per step: the raw and prior bytes of the step come in one 16-byte load each, the
-// pixels are unfiltered one after the other in the low lanes of 8-byte registers, and the step
-// stores 16 bytes back, the bytes past its pixels unchanged. The last pixels of a row go through
-// 16-byte copies.
+// Four pixels per step: the raw and prior bytes of the step come in one 16-byte load each and
+// are widened to 16-bit lanes; the pixels are unfiltered one after the other in the lanes of
+// 4-lane registers, then narrowed and stored back as 16 bytes, the bytes past the step's pixels
+// unchanged. The last pixels of a row go through 16-byte copies.
+
+using Pixels = int16x4_t[4];
 
 // The four pixels of a step, each in the low lanes of its register.
 template <int Bpp>
-KPNG_NEON inline void SplitPixels(uint8x16_t q, uint8x8_t (&pixel)[4]) {
-    const uint8x8_t low = vget_low_u8(q), high = vget_high_u8(q);
+KPNG_NEON inline void SplitPixels(uint8x16_t bytes, Pixels& pixel) {
+    const int16x8_t low = vreinterpretq_s16_u16(vmovl_u8(vget_low_u8(bytes)));
+    const int16x8_t high = vreinterpretq_s16_u16(vmovl_u8(vget_high_u8(bytes)));
     if constexpr (Bpp == 4) {
-        pixel[0] = low;
-        pixel[1] = vext_u8(low, low, 4);
-        pixel[2] = high;
-        pixel[3] = vext_u8(high, high, 4);
+        pixel[0] = vget_low_s16(low);
+        pixel[1] = vget_high_s16(low);
+        pixel[2] = vget_low_s16(high);
+        pixel[3] = vget_high_s16(high);
     } else {
-        pixel[0] = low;
-        pixel[1] = vext_u8(low, high, 3);
-        pixel[2] = vext_u8(low, high, 6);
-        pixel[3] = vext_u8(high, high, 1);
+        pixel[0] = vget_low_s16(low);
+        pixel[1] = vext_s16(vget_low_s16(low), vget_high_s16(low), 3);
+        pixel[2] = vext_s16(vget_high_s16(low), vget_low_s16(high), 2);
+        pixel[3] = vext_s16(vget_low_s16(high), vget_high_s16(high), 1);
     }
 }
 
 // The four pixels packed back into 4 x Bpp bytes, followed by the bytes of `rest` after them.
 template <int Bpp>
-KPNG_NEON inline uint8x16_t JoinPixels(const uint8x8_t (&pixel)[4], uint8x16_t rest) {
+KPNG_NEON inline uint8x16_t JoinPixels(const Pixels& pixel, uint8x16_t rest) {
+    const uint8x8_t first = vmovn_u16(vreinterpretq_u16_s16(vcombine_s16(pixel[0], pixel[1])));
+    const uint8x8_t second = vmovn_u16(vreinterpretq_u16_s16(vcombine_s16(pixel[2], pixel[3])));
     if constexpr (Bpp == 4) {
-        const uint32x2x2_t low =
-            vtrn_u32(vreinterpret_u32_u8(pixel[0]), vreinterpret_u32_u8(pixel[1]));
-        const uint32x2x2_t high =
-            vtrn_u32(vreinterpret_u32_u8(pixel[2]), vreinterpret_u32_u8(pixel[3]));
-        return vreinterpretq_u8_u32(vcombine_u32(low.val[0], high.val[0]));
+        return vcombine_u8(first, second);
     } else {
-        // Indices into the four registers side by side; those past 31 keep the byte of `rest`.
-        const uint8x8_t lowIndex = {0, 1, 2, 8, 9, 10, 16, 17};
-        const uint8x8_t highIndex = {18, 24, 25, 26, 255, 255, 255, 255};
-        const uint8x8x4_t table = {{pixel[0], pixel[1], pixel[2], pixel[3]}};
-        return vcombine_u8(vtbl4_u8(table, lowIndex),
-                           vtbx4_u8(vget_high_u8(rest), table, highIndex));
+        // Indices into the two registers side by side; those past 15 keep the byte of `rest`.
+        const uint8x8_t lowIndex = {0, 1, 2, 4, 5, 6, 8, 9};
+        const uint8x8_t highIndex = {10, 12, 13, 14, 255, 255, 255, 255};
+        const uint8x8x2_t table = {{first, second}};
+        return vcombine_u8(vtbl2_u8(table, lowIndex),
+                           vtbx2_u8(vget_high_u8(rest), table, highIndex));
     }
 }
 
+// Each step takes the left, upper and upper-left pixels and the raw bytes and gives the
+// unfiltered pixel, all lanes 0 to 255.
 struct SubStep {
-    KPNG_NEON static uint8x8_t Next(uint8x8_t left, uint8x8_t, uint8x8_t, uint8x8_t raw) {
-        return vadd_u8(raw, left);
+    KPNG_NEON static int16x4_t Next(int16x4_t left, int16x4_t, int16x4_t, int16x4_t raw) {
+        return vand_s16(vadd_s16(raw, left), vdup_n_s16(0xFF));
     }
 };
 
 struct AverageStep {
-    KPNG_NEON static uint8x8_t Next(uint8x8_t left, uint8x8_t upper, uint8x8_t, uint8x8_t raw) {
-        return vadd_u8(raw, vhadd_u8(left, upper));
+    KPNG_NEON static int16x4_t Next(int16x4_t left, int16x4_t upper, int16x4_t, int16x4_t raw) {
+        return vand_s16(vadd_s16(raw, vhadd_s16(left, upper)), vdup_n_s16(0xFF));
     }
 };
 
 // The predictor is the one of a = left, b = upper, c = upper-left nearest to a + b - c, ties
-// going to a, then b: the distances are |b - c|, |a - c| and |a + b - 2c|.
+// going to a, then b: the distances are |b - c|, |a - c| and |a - (2c - b)|, the first and the
+// target 2c - b known before a is.
 struct PaethStep {
-    KPNG_NEON static uint8x8_t Next(uint8x8_t a, uint8x8_t b, uint8x8_t c, uint8x8_t raw) {
-        const uint16x8_t pa = vabdl_u8(b, c);
-        const uint16x8_t pb = vabdl_u8(a, c);
-        const uint16x8_t pc = vabdq_u16(vaddl_u8(a, b), vshll_n_u8(c, 1));
-        const uint8x8_t takeA = vmovn_u16(vandq_u16(vcleq_u16(pa, pb), vcleq_u16(pa, pc)));
-        const uint8x8_t takeB = vmovn_u16(vcleq_u16(pb, pc));
-        return vadd_u8(raw, vbsl_u8(takeA, a, vbsl_u8(takeB, b, c)));
+    KPNG_NEON static int16x4_t Next(int16x4_t a, int16x4_t b, int16x4_t c, int16x4_t raw) {
+        const int16x4_t pa = vabd_s16(b, c);
+        const int16x4_t target = vsub_s16(vadd_s16(c, c), b);
+        const int16x4_t pb = vabd_s16(a, c);
+        const int16x4_t pc = vabd_s16(a, target);
+        const uint16x4_t takeA = vcle_s16(pa, vmin_s16(pb, pc));
+        const uint16x4_t takeB = vcle_s16(pb, pc);
+        const int16x4_t predictor = vbsl_s16(takeA, a, vbsl_s16(takeB, b, c));
+        return vand_s16(vadd_s16(raw, predictor), vdup_n_s16(0xFF));
     }
 };
 
 template <int Bpp, class Step>
-KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior, uint8x8_t& left,
-                                   uint8x8_t& upperLeft) {
+KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior, int16x4_t& left,
+                                   int16x4_t& upperLeft) {
     const uint8x16_t raw = vld1q_u8(row), up = vld1q_u8(prior);
-    uint8x8_t rawPixel[4], upPixel[4], out[4];
+    Pixels rawPixel, upPixel, out;
     SplitPixels<Bpp>(raw, rawPixel);
     SplitPixels<Bpp>(up, upPixel);
     for (int k = 0; k < 4; ++k) {
@@ -103,7 +109,7 @@ template <int Bpp, class Step>
 KPNG_NEON void UnfilterPixels(unsigned char* __restrict row, unsigned char* __restrict prior,
                               uint32_t n) {
     constexpr uint32_t kStep = 4 * Bpp;
-    uint8x8_t left = vdup_n_u8(0), upperLeft = vdup_n_u8(0);
+    int16x4_t left = vdup_n_s16(0), upperLeft = vdup_n_s16(0);
     uint32_t i = 0;
     for (; n - i >= 16; i += kStep)
         UnfilterStep<Bpp, Step>(row + i, prior + i, left, upperLeft);
