@@ -130,7 +130,6 @@ ZIN_CLMUL_TARGET uint32_t CrcClmul(uint32_t c, const unsigned char* p, uint32_t 
 }
 #endif
 
-
 #if defined(ZIN_CRC_TARGET)
 // The ARMv8 CRC-32 instructions, whose polynomial is PNG's and zlib's.
 ZIN_CRC_TARGET uint32_t CrcArm(uint32_t c, const unsigned char* p, uint32_t n) {
@@ -305,4 +304,3 @@ unsigned long crc32(unsigned long crc, unsigned char const* data, unsigned long 
 }
 
 }  // namespace zio
-

@@ -90,8 +90,8 @@ void ExpandRgb16(const unsigned char* __restrict in, unsigned char* __restrict o
         StorePixel(out + 4 * i, in[6 * i], in[6 * i + 2], in[6 * i + 4], 255);
 }
 
-void ExpandRgb16Keyed(const unsigned char* __restrict in, unsigned char* __restrict out,
-                      uint32_t n, const PixelKeys& keys) {
+void ExpandRgb16Keyed(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n,
+                      const PixelKeys& keys) {
     for (uint32_t i = 0; i < n; ++i) {
         const unsigned char* p = in + 6 * i;
         const bool transparent = BigEndian16(p) == keys.colour[0] &&
@@ -101,8 +101,8 @@ void ExpandRgb16Keyed(const unsigned char* __restrict in, unsigned char* __restr
     }
 }
 
-void ExpandGreyAlpha8(const unsigned char* __restrict in, unsigned char* __restrict out,
-                      uint32_t n, const PixelKeys&) {
+void ExpandGreyAlpha8(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n,
+                      const PixelKeys&) {
     for (uint32_t i = 0; i < n; ++i)
         StorePixel(out + 4 * i, in[2 * i], in[2 * i], in[2 * i], in[2 * i + 1]);
 }

@@ -63,8 +63,7 @@ inline void UnfilterNone(unsigned char* __restrict row, unsigned char* __restric
     memcpy(prior, row, n);
 }
 
-inline void UnfilterUp(unsigned char* __restrict row, unsigned char* __restrict prior,
-                       uint32_t n) {
+inline void UnfilterUp(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i)
         prior[i] = row[i] = uint8_t(row[i] + prior[i]);
 }

@@ -114,8 +114,7 @@ void UnfilterPaethSse2(unsigned char* __restrict row, unsigned char* __restrict 
 }
 
 // Each pixel but the last as one 4-byte load whose fourth byte is replaced by the alpha.
-void ExpandRgb8Tail(const unsigned char* __restrict in, unsigned char* __restrict out,
-                    uint32_t n) {
+void ExpandRgb8Tail(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
         memcpy(out + 4 * i, in + 3 * i, 3);
         out[4 * i + 3] = 255;
