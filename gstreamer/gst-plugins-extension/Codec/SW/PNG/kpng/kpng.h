@@ -235,7 +235,6 @@ class Decoder : public kiu::Decoder {
     int32_t bytesPerPixel = 0;
     uint32_t pixelsPerRow = 0;
     uint32_t bytesPerRow = 0;
-    uint32_t wordsPerRow = 0;
     uint32_t imageDataEnded = 0;
     zin::Stream* inflater = nullptr;
     // Output pixel (R, G, B, A in memory order) of every palette index or 8-bit grey value,

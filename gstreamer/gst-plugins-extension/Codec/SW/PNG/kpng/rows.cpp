@@ -71,7 +71,6 @@ void Decoder::PrepareRows() {
 void Decoder::SetRowGeometry(uint32_t pixels) {
     pixelsPerRow = pixels;
     bytesPerRow = bitsPerPixel < 8 ? (pixels * bitsPerPixel + 7) / 8 : bitsPerPixel / 8 * pixels;
-    wordsPerRow = (bytesPerRow + 3) / 4;
 }
 
 // No buffer is cleared beforehand: every byte is written before it is read, and the first row
