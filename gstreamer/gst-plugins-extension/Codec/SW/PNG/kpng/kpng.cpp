@@ -1,6 +1,5 @@
 #include "kpng.h"
 
-#include <cstdlib>
 #include <cstring>
 
 #include "mmstream.h"
