@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs every Debian package that building, testing, benchmarking, fuzzing and the
-# 32-bit ARM cross build need. Does nothing when they are all present.
+# 32-bit and 64-bit ARM cross builds need. Does nothing when they are all present.
 set -euo pipefail
 
 packages=(
@@ -10,18 +10,17 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
-  g++-arm-linux-gnueabihf qemu-user
+  g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user
   valgrind
 )
 
-# The ARM unit tests link the armhf builds of their oracles and of GoogleTest. They are
-# unpacked into a private sysroot rather than installed through multiarch: an armhf package
-# must then match the host's version exactly, which breaks whenever the two archives are
-# not in step, and a foreign architecture makes every later `apt-get update` depend on the
-# armhf indexes. Only the static archives are kept, so the test binaries need no armhf
-# shared library at run time.
-armhf_sysroot=/opt/kalpng-armhf
-armhf_packages=(zlib1g-dev libpng-dev libgtest-dev libgmock-dev)
+# The ARM unit tests link the armhf or arm64 builds of their oracles and of GoogleTest. They
+# are unpacked into a private sysroot per architecture rather than installed through
+# multiarch: a foreign package must then match the host's version exactly, which breaks
+# whenever the archives are not in step, and a foreign architecture makes every later
+# `apt-get update` depend on its indexes. Only the static archives are kept, so the test
+# binaries need no foreign shared library at run time.
+sysroot_packages=(zlib1g-dev libpng-dev libgtest-dev libgmock-dev)
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
@@ -38,31 +37,34 @@ install_host_packages() {
   $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-install_armhf_sysroot() {
-  local stamp="$armhf_sysroot/packages"
-  [ "$(cat "$stamp" 2>/dev/null)" = "${armhf_packages[*]}" ] && return 0
-  echo "unpacking armhf: ${armhf_packages[*]} into $armhf_sysroot"
+# install_sysroot ARCH DIR
+install_sysroot() {
+  local arch=$1 sysroot=$2
+  local stamp="$sysroot/packages"
+  [ "$(cat "$stamp" 2>/dev/null)" = "${sysroot_packages[*]}" ] && return 0
+  echo "unpacking $arch: ${sysroot_packages[*]} into $sysroot"
   local work
   work=$(mktemp -d)
   mkdir -p "$work/lists/partial" "$work/cache/archives/partial" "$work/debs"
   touch "$work/status"
   local apt=(apt-get -qq -o Dir::State::Lists="$work/lists" -o Dir::Cache="$work/cache"
-    -o Dir::State::status="$work/status" -o APT::Architecture=armhf
-    -o APT::Architectures::=armhf -o APT::Sandbox::User=root)
+    -o Dir::State::status="$work/status" -o APT::Architecture="$arch"
+    -o APT::Architectures::="$arch" -o APT::Sandbox::User=root)
   # An index that fails to download (a mirror being synced) is not fatal: the packages
   # come from whichever suites answered, and the download below fails if none did.
   $sudo "${apt[@]}" update || true
-  (cd "$work/debs" && $sudo "${apt[@]}" download "${armhf_packages[@]/%/:armhf}")
-  $sudo rm -rf "$armhf_sysroot"
+  (cd "$work/debs" && $sudo "${apt[@]}" download "${sysroot_packages[@]/%/:$arch}")
+  $sudo rm -rf "$sysroot"
   local deb
   for deb in "$work"/debs/*.deb; do
-    $sudo dpkg-deb -x "$deb" "$armhf_sysroot"
+    $sudo dpkg-deb -x "$deb" "$sysroot"
   done
-  $sudo find "$armhf_sysroot" -name '*.so*' -delete
-  $sudo rm -rf "$armhf_sysroot/usr/share" "$armhf_sysroot/usr/src" "$armhf_sysroot/usr/bin"
-  echo "${armhf_packages[*]}" | $sudo tee "$stamp" >/dev/null
+  $sudo find "$sysroot" -name '*.so*' -delete
+  $sudo rm -rf "$sysroot/usr/share" "$sysroot/usr/src" "$sysroot/usr/bin"
+  echo "${sysroot_packages[*]}" | $sudo tee "$stamp" >/dev/null
   $sudo rm -rf "$work"
 }
 
 install_host_packages
-install_armhf_sysroot
+install_sysroot armhf /opt/kalpng-armhf
+install_sysroot arm64 /opt/kalpng-arm64

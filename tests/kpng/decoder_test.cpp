@@ -4,19 +4,26 @@
 // and the vector row loops against the portable ones. Each failure is checked by the reports it
 // prints.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "CPNG.h"
+#include "checksum.h"
 #include "kau.h"
+#include "kauCpu.h"
 #include "kpng.h"
 #include "mmstream.h"
+#include "rowRoutines.h"
 #include "test_png.h"
+#include "zin.h"
 
 namespace pngtest {
 namespace {
@@ -124,6 +131,110 @@ TEST(BenchmarkImages, DecodeLikeTheReference) {
     for (const std::string& name : names) {
         const Bytes png = ReadDataFile("bench", name);
         EXPECT_TRUE(DecodeBothWays(png).rgba == ReferenceDecode(png).rgba) << name;
+    }
+}
+
+// The image's row routines with the vector paths off and on.
+struct RoutinePair {
+    kpng::RowRoutines portable, vector;
+};
+
+RoutinePair ChooseBothWays(const kpng::RowFormat& format, const kpng::PixelKeys& keys) {
+    kpng::UseVectorRowPaths(false);
+    const kpng::RowRoutines portable = kpng::ChooseRowRoutines(format, keys);
+    kpng::UseVectorRowPaths(true);
+    return {portable, kpng::ChooseRowRoutines(format, keys)};
+}
+
+// Every routine of every format and filter type gives the portable routine's bytes on random
+// rows of every length up to 70 pixels, which takes the vector loops through each of their row
+// ends; a first-row routine gives those of its routine on a zero prior row without reading the
+// prior row.
+TEST(RowRoutines, VectorRoutinesEqualThePortableOnRandomRows) {
+    const Bytes tableBytes = RandomBytes(1024, 3);
+    uint32_t table[256];
+    memcpy(table, tableBytes.data(), sizeof table);
+    for (const Format f : kEveryFormat) {
+        for (const bool keyed : {false, true}) {
+            SCOPED_TRACE("type " + std::to_string(f.colourType) + " depth " +
+                         std::to_string(f.depth) + (keyed ? " keyed" : ""));
+            RawImage shape;
+            shape.depth = f.depth;
+            shape.colourType = f.colourType;
+            const int bytesPerPixel = std::max(1, shape.BitsPerPixel() / 8);
+            const kpng::RowFormat format = {uint8_t(f.colourType), uint8_t(f.depth),
+                                            uint8_t(bytesPerPixel), keyed};
+            // Grey samples up to 8 bits have a grey ramp for their table, as in the decoder.
+            for (uint32_t v = 0; f.colourType == 0 && f.depth <= 8 && v < (1u << f.depth); ++v) {
+                const uint8_t grey = uint8_t(v * 255 / ((1u << f.depth) - 1));
+                const unsigned char pixel[4] = {grey, grey, grey,
+                                                uint8_t(keyed && v == 1 ? 0 : 255)};
+                memcpy(&table[v], pixel, 4);
+            }
+            const kpng::PixelKeys keys = {table, 0x3131, {0x31, 0x3131, 0x31}};
+            const RoutinePair routines = ChooseBothWays(format, keys);
+            for (uint32_t pixels = 1; pixels <= 70; ++pixels) {
+                const uint32_t n = uint32_t(shape.RowBytes(pixels));
+                const Bytes raw = RandomBytes(n, pixels), up = RandomBytes(n, pixels + 1000);
+                for (int type = 0; type < kpng::kFilterTypes; ++type) {
+                    Bytes row = raw, prior = up, expectedRow = raw, expectedPrior = up;
+                    routines.portable.unfilter[type](expectedRow.data(), expectedPrior.data(), n);
+                    routines.vector.unfilter[type](row.data(), prior.data(), n);
+                    ASSERT_TRUE(row == expectedRow && prior == expectedPrior) << type << " " << n;
+                    Bytes zeros(n), poisoned(n, 0xA5);
+                    expectedRow = row = raw;
+                    routines.portable.unfilter[type](expectedRow.data(), zeros.data(), n);
+                    routines.vector.unfilterFirst[type](row.data(), poisoned.data(), n);
+                    ASSERT_TRUE(row == expectedRow && poisoned == zeros) << "first " << type;
+                }
+                if (!routines.portable.expand) continue;
+                Bytes in = raw, out(4 * pixels), expected(4 * pixels);
+                // Some pixels equal the key: every sample byte 0x31.
+                std::fill_n(in.begin(), std::min<size_t>(n, 8), 0x31);
+                routines.portable.expand(in.data(), expected.data(), pixels, keys);
+                routines.vector.expand(in.data(), out.data(), pixels, keys);
+                ASSERT_TRUE(out == expected) << "expansion of " << pixels;
+            }
+        }
+    }
+}
+
+// The switch reaches the choice: off, every routine is the portable one; on, a processor with
+// vector registers runs the vector Paeth of 3- and 4-byte pixels and its Adler-32.
+TEST(RowRoutines, TheSwitchChoosesThePortableOrTheVectorSet) {
+    kpng::UseVectorRowPaths(true);
+#if defined(__x86_64__)
+    const bool vectorSet = true;
+#else
+    const bool vectorSet = kau::cpu::Available().neon;
+#endif
+    if (!vectorSet) GTEST_SKIP() << "the processor has no vector set";
+    for (const uint8_t bytesPerPixel : {3, 4}) {
+        const kpng::RowFormat format = {uint8_t(bytesPerPixel == 3 ? 2 : 6), 8, bytesPerPixel,
+                                        false};
+        const RoutinePair routines = ChooseBothWays(format, {});
+        EXPECT_NE(routines.vector.unfilter[kpng::kFilterPaeth],
+                  routines.portable.unfilter[kpng::kFilterPaeth]);
+    }
+}
+
+// Adler-32 and CRC-32 give the portable sums over every length up to 300 bytes and at every
+// alignment, and over runs longer than the ones whose sums are reduced at once.
+TEST(Checksums, VectorFormsEqualThePortable) {
+    const Bytes data = RandomBytes(70000, 9);
+    std::vector<std::pair<uint32_t, uint32_t>> spans;
+    for (uint32_t length = 0; length <= 300; ++length)
+        spans.push_back({length % 16, length});
+    spans.push_back({3, 5552 * 2 + 17});
+    spans.push_back({0, 69000});
+    for (const auto& [offset, length] : spans) {
+        const unsigned char* p = data.data() + offset;
+        kpng::UseVectorRowPaths(false);
+        const uint32_t adler = zin::Adler32(1, p, length);
+        const unsigned long crc = zio::crc32(0, p, length);
+        kpng::UseVectorRowPaths(true);
+        ASSERT_EQ(zin::Adler32(1, p, length), adler) << length;
+        ASSERT_EQ(zio::crc32(0, p, length), crc) << length;
     }
 }
 
@@ -461,6 +572,47 @@ TEST(OutputSize, WrappingSizesFailLikeAFailedAllocation) {
         EXPECT_EQ(largestRequest > (1ul << 20) ? largestRequest : 0, c.request) << c.width;
     }
     kau::mem::SetExternalNewAndDelete(MMAllocate, MMFree);
+}
+
+// Blocks mapped straight from the system, so that the pages a decoder touched in them can be
+// counted when it deletes them.
+std::map<void*, size_t> mappedBlocks;
+size_t touchedBytes = 0;
+
+void* MappedNew(unsigned long n) {
+    const size_t size = n ? n : 1;
+    void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p == MAP_FAILED) return nullptr;
+    mappedBlocks[p] = size;
+    return p;
+}
+
+void MappedDelete(void* p) {
+    const auto block = mappedBlocks.find(p);
+    if (block == mappedBlocks.end()) return MMFree(p);
+    const size_t page = size_t(sysconf(_SC_PAGESIZE));
+    std::vector<unsigned char> resident((block->second + page - 1) / page);
+    if (mincore(p, block->second, resident.data()) == 0) {
+        for (unsigned char pageState : resident)
+            touchedBytes += (pageState & 1) * page;
+    }
+    munmap(p, block->second);
+    mappedBlocks.erase(block);
+}
+
+// The largest header with almost no image data, 65 bytes in all: its rows would take gigabytes,
+// but it is refused having touched only the pages the data reached and the blocks' headers.
+TEST(OutputSize, AHugeHeaderWithoutImageDataTouchesLittleMemory) {
+    const Bytes png =
+        PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Slice(Zlib(Bytes(64)), 0, 8)).Iend().bytes();
+    ASSERT_EQ(png.size(), 65u);
+    touchedBytes = 0;
+    kau::mem::SetExternalNewAndDelete(MappedNew, MappedDelete);
+    EXPECT_EQ(Decode(png).rgba, Bytes());
+    kau::mem::SetExternalNewAndDelete(MMAllocate, MMFree);
+    EXPECT_TRUE(mappedBlocks.empty());
+    EXPECT_LT(touchedBytes, size_t{1} << 20);
 }
 
 }  // namespace

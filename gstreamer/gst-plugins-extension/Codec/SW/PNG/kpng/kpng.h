@@ -145,6 +145,8 @@ struct DecodeOptions {
     uint64_t maxOutputBytes = 0;
 };
 
+struct RowRoutines;
+
 // Decodes one PNG, held in memory or read from a stream, into R, G, B, A bytes.
 // Construction validates the signature, the header and every chunk up to the first image data;
 // a failure there is reported and then raised at kErrMemoryConstructor or
@@ -223,12 +225,9 @@ class Decoder : public kiu::Decoder {
     void SetRowGeometry(uint32_t pixels);
     void DecodeRows(unsigned char*& output);
     void DecodeInterlacedRows(unsigned char*& output);
-    void ReadRow();
-    void ReadRowInterlaced(unsigned char* outputRow, int pass);
-    void Unfilter(unsigned filterType);
-    void PreparePixelTable();
-    void ExpandRow(unsigned char* row);
-    void ExpandRowWithPalette(unsigned char* row);
+    void PrepareRows();
+    void ReadRow(bool firstRow);
+    void ReadRowInterlaced(unsigned char* outputRow, int pass, bool firstRow);
 
     int32_t alphaDepth = 0;
     unsigned char* readBuffer = nullptr;
@@ -265,7 +264,6 @@ class Decoder : public kiu::Decoder {
     int32_t bytesPerPixel = 0;
     uint32_t pixelsPerRow = 0;
     uint32_t bytesPerRow = 0;
-    uint32_t wordsPerRow = 0;
     // Set when the zlib stream ends.
     uint32_t imageDataEnded = 0;
     zin::Stream* inflater = nullptr;
@@ -282,6 +280,8 @@ class Decoder : public kiu::Decoder {
     // Output pixel (R, G, B, A in memory order) of every palette index or 8-bit grey value,
     // and of every low-depth grey sample; built once before the first row.
     uint32_t pixelTable[256] = {};
+    // The image's unfilter and expansion routines, chosen once before the first row.
+    RowRoutines* rowRoutines = nullptr;
 };
 
 // Collects a PNG that arrives in pieces into a page-array stream, walking its chunk structure to

@@ -1,0 +1,134 @@
+// The routines that turn one filtered row into output pixels: an unfilter routine per filter
+// type and an expansion per colour type and depth. Each image chooses its routines once, from
+// the portable set, which is the reference, and then from the vector sets the processor offers
+// (kau::cpu::Available). Every vector routine gives the same bytes as the portable one it
+// replaces.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace kpng {
+
+// Undoes one filter on `row` and leaves a copy of the unfiltered bytes in `prior`, which held
+// the previous unfiltered row: the next row's prior row and the input of the expansion. The
+// left neighbour of the first pixel is zero. Rows of whole-byte pixels are a whole number of
+// pixels long.
+using UnfilterRoutine = void (*)(unsigned char* __restrict row, unsigned char* __restrict prior,
+                                 uint32_t n);
+
+// What expansions need besides the row: the pixel of every palette index or low-depth grey
+// sample, and the transparent key of 16-bit grey and of truecolour.
+struct PixelKeys {
+    const uint32_t* table;
+    uint16_t grey;
+    uint16_t colour[3];
+};
+
+// Writes n pixels R, G, B, A to `out` from the unfiltered row `in`.
+using ExpandRoutine = void (*)(const unsigned char* __restrict in, unsigned char* __restrict out,
+                               uint32_t n, const PixelKeys& keys);
+
+struct RowFormat {
+    uint8_t colourType;
+    uint8_t bitDepth;
+    uint8_t bytesPerPixel;
+    bool keyed;  // a tRNS key for grey or truecolour
+};
+
+enum FilterType { kFilterNone, kFilterSub, kFilterUp, kFilterAverage, kFilterPaeth, kFilterTypes };
+
+struct RowRoutines {
+    // By filter type; types 5 to 255 are taken as None.
+    UnfilterRoutine unfilter[kFilterTypes];
+    // The same for the first row of an image or pass, whose prior row is all zero and is never
+    // read: Up is then None, Paeth is Sub, and Average halves the left neighbour only.
+    UnfilterRoutine unfilterFirst[kFilterTypes];
+    // Null where the unfiltered row is already the output (8-bit RGBA).
+    ExpandRoutine expand;
+    PixelKeys keys;
+};
+
+RowRoutines ChooseRowRoutines(const RowFormat& format, const PixelKeys& keys);
+
+// The vector sets, each replacing the entries of the portable set it has a routine for.
+void UseSseRowRoutines(RowRoutines& routines, const RowFormat& format, bool ssse3);
+void UseNeonRowRoutines(RowRoutines& routines, const RowFormat& format);
+
+// ---- Portable filters, shared with the vector sets for the ends of their rows ----
+
+inline void UnfilterNone(unsigned char* __restrict row, unsigned char* __restrict prior,
+                         uint32_t n) {
+    memcpy(prior, row, n);
+}
+
+inline void UnfilterUp(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i)
+        prior[i] = row[i] = uint8_t(row[i] + prior[i]);
+}
+
+template <int Bpp>
+void UnfilterSub(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+    uint8_t left[Bpp] = {};
+    for (uint32_t i = 0; i < n; i += Bpp) {
+        for (int k = 0; k < Bpp; ++k) {
+            left[k] = uint8_t(row[i + k] + left[k]);
+            prior[i + k] = row[i + k] = left[k];
+        }
+    }
+}
+
+template <int Bpp>
+void UnfilterAverage(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+    uint8_t left[Bpp] = {};
+    for (uint32_t i = 0; i < n; i += Bpp) {
+        for (int k = 0; k < Bpp; ++k) {
+            left[k] = uint8_t(row[i + k] + ((unsigned{left[k]} + prior[i + k]) >> 1));
+            prior[i + k] = row[i + k] = left[k];
+        }
+    }
+}
+
+// Average against an all-zero prior row, which is not read.
+template <int Bpp>
+void UnfilterAverageFirst(unsigned char* __restrict row, unsigned char* __restrict prior,
+                          uint32_t n) {
+    uint8_t left[Bpp] = {};
+    for (uint32_t i = 0; i < n; i += Bpp) {
+        for (int k = 0; k < Bpp; ++k) {
+            left[k] = uint8_t(row[i + k] + (left[k] >> 1));
+            prior[i + k] = row[i + k] = left[k];
+        }
+    }
+}
+
+// Written without branches: the choice depends on the data and would defeat branch prediction.
+inline uint8_t PaethPredictor(int a, int b, int c) {
+    const int pa = abs(b - c), pb = abs(a - c), pc = abs(a + b - 2 * c);
+    const int nearerOfBAndC = pb <= pc ? b : c;
+    return uint8_t(((pa <= pb) & (pa <= pc)) ? a : nearerOfBAndC);
+}
+
+// Continues a Paeth row at byte `i` with the left and upper-left bytes of the pixel before it.
+template <int Bpp>
+void UnfilterPaethFrom(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t i,
+                       uint32_t n, uint8_t* left, uint8_t* upperLeft) {
+    for (; i < n; i += Bpp) {
+        for (int k = 0; k < Bpp; ++k) {
+            uint8_t upper = prior[i + k];
+            left[k] = uint8_t(row[i + k] + PaethPredictor(left[k], upper, upperLeft[k]));
+            upperLeft[k] = upper;
+            prior[i + k] = row[i + k] = left[k];
+        }
+    }
+}
+
+template <int Bpp>
+void UnfilterPaeth(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+    uint8_t left[Bpp] = {};
+    uint8_t upperLeft[Bpp] = {};
+    UnfilterPaethFrom<Bpp>(row, prior, 0, n, left, upperLeft);
+}
+
+}  // namespace kpng
