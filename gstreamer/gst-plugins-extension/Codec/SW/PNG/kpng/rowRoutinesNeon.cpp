@@ -6,6 +6,8 @@
 #if defined(__arm__) || defined(__aarch64__)
 #include <arm_neon.h>
 
+#include <type_traits>
+
 #if defined(__aarch64__)
 #define KPNG_NEON
 #else
@@ -15,89 +17,157 @@
 namespace kpng {
 namespace {
 
-// ---- Sub, Average and Paeth for pixels of 3 or 4 bytes ----
+// ---- Sub, Average and Paeth for pixels of 3, 4, 6 or 8 bytes ----
 //
-// Four pixels per step: the raw and prior bytes of the step come in one 16-byte load each and
-// are widened to 16-bit lanes; the pixels are unfiltered one after the other in the lanes of
-// 4-lane registers, then narrowed and stored back as 16 bytes, the bytes past the step's pixels
-// unchanged. The last pixels of a row go through 16-byte copies.
+// Each step loads 16 raw and 16 prior bytes and widens them to 16-bit lanes: four pixels of 3
+// or 4 bytes, each in a 4-lane register, or two of 6 or 8 bytes, each in an 8-lane register.
+// The pixels are unfiltered one after the other, then narrowed and stored back as 16 bytes, the
+// bytes past the step's pixels unchanged. The last pixels of a row go through 16-byte copies.
 
-using Pixels = int16x4_t[4];
-
-// The four pixels of a step, each in the low lanes of its register.
 template <int Bpp>
-KPNG_NEON inline void SplitPixels(uint8x16_t bytes, Pixels& pixel) {
+struct Step {
+    using Lanes = std::conditional_t<(Bpp <= 4), int16x4_t, int16x8_t>;
+    static constexpr int kPixels = Bpp <= 4 ? 4 : 2;
+    using Pixels = Lanes[kPixels];
+};
+
+// The arithmetic of both register widths under one name each.
+KPNG_NEON inline int16x4_t Add(int16x4_t x, int16x4_t y) {
+    return vadd_s16(x, y);
+}
+KPNG_NEON inline int16x8_t Add(int16x8_t x, int16x8_t y) {
+    return vaddq_s16(x, y);
+}
+KPNG_NEON inline int16x4_t Sub(int16x4_t x, int16x4_t y) {
+    return vsub_s16(x, y);
+}
+KPNG_NEON inline int16x8_t Sub(int16x8_t x, int16x8_t y) {
+    return vsubq_s16(x, y);
+}
+KPNG_NEON inline int16x4_t HalfSum(int16x4_t x, int16x4_t y) {
+    return vhadd_s16(x, y);
+}
+KPNG_NEON inline int16x8_t HalfSum(int16x8_t x, int16x8_t y) {
+    return vhaddq_s16(x, y);
+}
+KPNG_NEON inline int16x4_t Distance(int16x4_t x, int16x4_t y) {
+    return vabd_s16(x, y);
+}
+KPNG_NEON inline int16x8_t Distance(int16x8_t x, int16x8_t y) {
+    return vabdq_s16(x, y);
+}
+KPNG_NEON inline int16x4_t Min(int16x4_t x, int16x4_t y) {
+    return vmin_s16(x, y);
+}
+KPNG_NEON inline int16x8_t Min(int16x8_t x, int16x8_t y) {
+    return vminq_s16(x, y);
+}
+KPNG_NEON inline uint16x4_t AtMost(int16x4_t x, int16x4_t y) {
+    return vcle_s16(x, y);
+}
+KPNG_NEON inline uint16x8_t AtMost(int16x8_t x, int16x8_t y) {
+    return vcleq_s16(x, y);
+}
+KPNG_NEON inline int16x4_t Select(uint16x4_t m, int16x4_t x, int16x4_t y) {
+    return vbsl_s16(m, x, y);
+}
+KPNG_NEON inline int16x8_t Select(uint16x8_t m, int16x8_t x, int16x8_t y) {
+    return vbslq_s16(m, x, y);
+}
+KPNG_NEON inline int16x4_t Byte(int16x4_t x) {
+    return vand_s16(x, vdup_n_s16(0xFF));
+}
+KPNG_NEON inline int16x8_t Byte(int16x8_t x) {
+    return vandq_s16(x, vdupq_n_s16(0xFF));
+}
+
+// The pixels of a step, each in the low lanes of its register.
+template <int Bpp>
+KPNG_NEON inline void SplitPixels(uint8x16_t bytes, typename Step<Bpp>::Pixels& pixel) {
     const int16x8_t low = vreinterpretq_s16_u16(vmovl_u8(vget_low_u8(bytes)));
     const int16x8_t high = vreinterpretq_s16_u16(vmovl_u8(vget_high_u8(bytes)));
-    if constexpr (Bpp == 4) {
-        pixel[0] = vget_low_s16(low);
-        pixel[1] = vget_high_s16(low);
-        pixel[2] = vget_low_s16(high);
-        pixel[3] = vget_high_s16(high);
-    } else {
+    if constexpr (Bpp == 3) {
         pixel[0] = vget_low_s16(low);
         pixel[1] = vext_s16(vget_low_s16(low), vget_high_s16(low), 3);
         pixel[2] = vext_s16(vget_high_s16(low), vget_low_s16(high), 2);
         pixel[3] = vext_s16(vget_low_s16(high), vget_high_s16(high), 1);
-    }
-}
-
-// The four pixels packed back into 4 x Bpp bytes, followed by the bytes of `rest` after them.
-template <int Bpp>
-KPNG_NEON inline uint8x16_t JoinPixels(const Pixels& pixel, uint8x16_t rest) {
-    const uint8x8_t first = vmovn_u16(vreinterpretq_u16_s16(vcombine_s16(pixel[0], pixel[1])));
-    const uint8x8_t second = vmovn_u16(vreinterpretq_u16_s16(vcombine_s16(pixel[2], pixel[3])));
-    if constexpr (Bpp == 4) {
-        return vcombine_u8(first, second);
+    } else if constexpr (Bpp == 4) {
+        pixel[0] = vget_low_s16(low);
+        pixel[1] = vget_high_s16(low);
+        pixel[2] = vget_low_s16(high);
+        pixel[3] = vget_high_s16(high);
+    } else if constexpr (Bpp == 6) {
+        pixel[0] = low;
+        pixel[1] = vextq_s16(low, high, 6);
     } else {
-        // Indices into the two registers side by side; those past 15 keep the byte of `rest`.
-        const uint8x8_t lowIndex = {0, 1, 2, 4, 5, 6, 8, 9};
-        const uint8x8_t highIndex = {10, 12, 13, 14, 255, 255, 255, 255};
-        const uint8x8x2_t table = {{first, second}};
-        return vcombine_u8(vtbl2_u8(table, lowIndex),
-                           vtbx2_u8(vget_high_u8(rest), table, highIndex));
+        pixel[0] = low;
+        pixel[1] = high;
     }
 }
 
-// Each step takes the left, upper and upper-left pixels and the raw bytes and gives the
+// The pixels narrowed and packed back into the step's bytes, followed by the bytes of `rest`
+// after them.
+template <int Bpp>
+KPNG_NEON inline uint8x16_t JoinPixels(const typename Step<Bpp>::Pixels& pixel, uint8x16_t rest) {
+    uint8x8_t first, second;
+    if constexpr (Bpp <= 4) {
+        first = vmovn_u16(vreinterpretq_u16_s16(vcombine_s16(pixel[0], pixel[1])));
+        second = vmovn_u16(vreinterpretq_u16_s16(vcombine_s16(pixel[2], pixel[3])));
+    } else {
+        first = vmovn_u16(vreinterpretq_u16_s16(pixel[0]));
+        second = vmovn_u16(vreinterpretq_u16_s16(pixel[1]));
+    }
+    if constexpr (Bpp == 4 || Bpp == 8) return vcombine_u8(first, second);
+    // Indices into the two registers side by side; those past 15 keep the byte of `rest`.
+    const uint8x8_t lowIndex =
+        Bpp == 3 ? uint8x8_t{0, 1, 2, 4, 5, 6, 8, 9} : uint8x8_t{0, 1, 2, 3, 4, 5, 8, 9};
+    const uint8x8_t highIndex = Bpp == 3 ? uint8x8_t{10, 12, 13, 14, 255, 255, 255, 255}
+                                         : uint8x8_t{10, 11, 12, 13, 255, 255, 255, 255};
+    const uint8x8x2_t table = {{first, second}};
+    return vcombine_u8(vtbl2_u8(table, lowIndex), vtbx2_u8(vget_high_u8(rest), table, highIndex));
+}
+
+// Each filter takes the left, upper and upper-left pixels and the raw bytes and gives the
 // unfiltered pixel, all lanes 0 to 255.
-struct SubStep {
-    KPNG_NEON static int16x4_t Next(int16x4_t left, int16x4_t, int16x4_t, int16x4_t raw) {
-        return vand_s16(vadd_s16(raw, left), vdup_n_s16(0xFF));
+struct SubFilter {
+    template <class Lanes>
+    KPNG_NEON static Lanes Next(Lanes left, Lanes, Lanes, Lanes raw) {
+        return Byte(Add(raw, left));
     }
 };
 
-struct AverageStep {
-    KPNG_NEON static int16x4_t Next(int16x4_t left, int16x4_t upper, int16x4_t, int16x4_t raw) {
-        return vand_s16(vadd_s16(raw, vhadd_s16(left, upper)), vdup_n_s16(0xFF));
+struct AverageFilter {
+    template <class Lanes>
+    KPNG_NEON static Lanes Next(Lanes left, Lanes upper, Lanes, Lanes raw) {
+        return Byte(Add(raw, HalfSum(left, upper)));
     }
 };
 
 // The predictor is the one of a = left, b = upper, c = upper-left nearest to a + b - c, ties
 // going to a, then b: the distances are |b - c|, |a - c| and |a - (2c - b)|, the first and the
 // target 2c - b known before a is.
-struct PaethStep {
-    KPNG_NEON static int16x4_t Next(int16x4_t a, int16x4_t b, int16x4_t c, int16x4_t raw) {
-        const int16x4_t pa = vabd_s16(b, c);
-        const int16x4_t target = vsub_s16(vadd_s16(c, c), b);
-        const int16x4_t pb = vabd_s16(a, c);
-        const int16x4_t pc = vabd_s16(a, target);
-        const uint16x4_t takeA = vcle_s16(pa, vmin_s16(pb, pc));
-        const uint16x4_t takeB = vcle_s16(pb, pc);
-        const int16x4_t predictor = vbsl_s16(takeA, a, vbsl_s16(takeB, b, c));
-        return vand_s16(vadd_s16(raw, predictor), vdup_n_s16(0xFF));
+struct PaethFilter {
+    template <class Lanes>
+    KPNG_NEON static Lanes Next(Lanes a, Lanes b, Lanes c, Lanes raw) {
+        const Lanes pa = Distance(b, c);
+        const Lanes target = Sub(Add(c, c), b);
+        const Lanes pb = Distance(a, c);
+        const Lanes pc = Distance(a, target);
+        const Lanes predictor = Select(AtMost(pa, Min(pb, pc)), a, Select(AtMost(pb, pc), b, c));
+        return Byte(Add(raw, predictor));
     }
 };
 
-template <int Bpp, class Step>
-KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior, int16x4_t& left,
-                                   int16x4_t& upperLeft) {
+template <int Bpp, class Filter>
+KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior,
+                                   typename Step<Bpp>::Lanes& left,
+                                   typename Step<Bpp>::Lanes& upperLeft) {
     const uint8x16_t raw = vld1q_u8(row), up = vld1q_u8(prior);
-    Pixels rawPixel, upPixel, out;
+    typename Step<Bpp>::Pixels rawPixel, upPixel, out;
     SplitPixels<Bpp>(raw, rawPixel);
     SplitPixels<Bpp>(up, upPixel);
-    for (int k = 0; k < 4; ++k) {
-        left = Step::Next(left, upPixel[k], upperLeft, rawPixel[k]);
+    for (int k = 0; k < Step<Bpp>::kPixels; ++k) {
+        left = Filter::Next(left, upPixel[k], upperLeft, rawPixel[k]);
         upperLeft = upPixel[k];
         out[k] = left;
     }
@@ -105,24 +175,31 @@ KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior, int
     vst1q_u8(prior, JoinPixels<Bpp>(out, up));
 }
 
-template <int Bpp, class Step>
+template <int Bpp, class Filter>
 KPNG_NEON void UnfilterPixels(unsigned char* __restrict row, unsigned char* __restrict prior,
                               uint32_t n) {
-    constexpr uint32_t kStep = 4 * Bpp;
-    int16x4_t left = vdup_n_s16(0), upperLeft = vdup_n_s16(0);
+    constexpr uint32_t kStep = Step<Bpp>::kPixels * Bpp;
+    typename Step<Bpp>::Lanes left = {}, upperLeft = {};
     uint32_t i = 0;
     for (; n - i >= 16; i += kStep)
-        UnfilterStep<Bpp, Step>(row + i, prior + i, left, upperLeft);
+        UnfilterStep<Bpp, Filter>(row + i, prior + i, left, upperLeft);
     while (i < n) {
         const uint32_t m = n - i < kStep ? n - i : kStep;
         unsigned char rawBytes[16] = {}, upBytes[16] = {};
         memcpy(rawBytes, row + i, m);
         memcpy(upBytes, prior + i, m);
-        UnfilterStep<Bpp, Step>(rawBytes, upBytes, left, upperLeft);
+        UnfilterStep<Bpp, Filter>(rawBytes, upBytes, left, upperLeft);
         memcpy(row + i, rawBytes, m);
         memcpy(prior + i, upBytes, m);
         i += m;
     }
+}
+
+template <int Bpp>
+KPNG_NEON void SetPixelFilters(RowRoutines& r) {
+    r.unfilter[kFilterSub] = UnfilterPixels<Bpp, SubFilter>;
+    r.unfilter[kFilterAverage] = UnfilterPixels<Bpp, AverageFilter>;
+    r.unfilter[kFilterPaeth] = UnfilterPixels<Bpp, PaethFilter>;
 }
 
 KPNG_NEON void UnfilterUpNeon(unsigned char* __restrict row, unsigned char* __restrict prior,
@@ -185,14 +262,21 @@ KPNG_NEON void ExpandGreyAlpha8Neon(const unsigned char* __restrict in,
 
 void UseNeonRowRoutines(RowRoutines& r, const RowFormat& format) {
     r.unfilter[kFilterUp] = UnfilterUpNeon;
-    if (format.bytesPerPixel == 3) {
-        r.unfilter[kFilterSub] = UnfilterPixels<3, SubStep>;
-        r.unfilter[kFilterAverage] = UnfilterPixels<3, AverageStep>;
-        r.unfilter[kFilterPaeth] = UnfilterPixels<3, PaethStep>;
-    } else if (format.bytesPerPixel == 4) {
-        r.unfilter[kFilterSub] = UnfilterPixels<4, SubStep>;
-        r.unfilter[kFilterAverage] = UnfilterPixels<4, AverageStep>;
-        r.unfilter[kFilterPaeth] = UnfilterPixels<4, PaethStep>;
+    switch (format.bytesPerPixel) {
+        case 3:
+            SetPixelFilters<3>(r);
+            break;
+        case 4:
+            SetPixelFilters<4>(r);
+            break;
+        case 6:
+            SetPixelFilters<6>(r);
+            break;
+        case 8:
+            SetPixelFilters<8>(r);
+            break;
+        default:
+            break;
     }
     if (format.keyed || format.bitDepth != 8) return;
     if (format.colourType == 2)
