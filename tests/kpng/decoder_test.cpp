@@ -29,9 +29,7 @@ namespace pngtest {
 namespace {
 
 // The module texts of the decoder and of the DecodePNG front ends.
-const std::string kFolder =
-    "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/";
-const std::string kKpng = kFolder + "kpng/kpng", kCpng = kFolder + "kpng/CPNG";
+const std::string kKpng = kModules + "kpng/kpng", kCpng = kModules + "kpng/CPNG";
 
 // A stream holding the bytes, ready and positioned at 0; deleted with MMStreamDelete.
 MMStream* PageArrayStream(const Bytes& bytes) {
