@@ -66,11 +66,10 @@ Bytes CorruptPng() {
 
 using Times = std::vector<std::pair<GstClockTime, GstClockTime>>;  // pts, duration
 
-// Frames as a sink received them: their bytes, times and (from an appsink) caps.
+// Frames as the harness's sink received them: their bytes and times.
 struct Frames {
     std::vector<Bytes> data;
     Times times;
-    std::vector<std::string> caps;
     void Add(GstBuffer* buffer) {
         data.emplace_back(gst_buffer_get_size(buffer));
         gst_buffer_extract(buffer, 0, data.back().data(), data.back().size());
@@ -212,6 +211,7 @@ TEST(ElementFraming, SecondPngOfABufferWaitsForTheNextBuffer) {
     EXPECT_THAT(h.Take().data, ElementsAre(Pixels(4, 4, 3)));
 }
 
+// Caps are set once for frames of one size, again when the height or the width changes.
 TEST(ElementCaps, SetOnceForEqualFramesAgainOnSizeChange) {
     Harness h(kPacketized);
     const struct {
@@ -219,9 +219,9 @@ TEST(ElementCaps, SetOnceForEqualFramesAgainOnSizeChange) {
         std::vector<std::string> events;
     } frames[] = {{1, 1, {"stream-start", Caps(1, 1, "25/1"), "segment"}},
                   {1, 1, {}},
-                  {3, 7, {Caps(3, 7, "25/1")}},
-                  {3, 7, {}},
-                  {1, 1, {Caps(1, 1, "25/1")}}};
+                  {1, 7, {Caps(1, 7, "25/1")}},
+                  {1, 7, {}},
+                  {3, 7, {Caps(3, 7, "25/1")}}};
     for (const auto& f : frames) {
         ASSERT_EQ(h.Push(Png(f.width, f.height, 9)), GST_FLOW_OK);
         EXPECT_EQ(h.TakeEvents(), f.events) << (&f - frames);
@@ -662,9 +662,10 @@ TEST(ElementState, ReadyToPausedStartsAfresh) {
     }
 }
 
-// Plays the pipeline to its end and answers what each named appsink received.
-std::vector<Frames> RunToEnd(const std::string& description,
-                             const std::vector<const char*>& sinks) {
+const std::string kOut = " ! appsink name=out sync=false wait-on-eos=false";
+
+// Plays the pipeline to its end and answers how many frames its appsink "out", if any, received.
+size_t RunToEnd(const std::string& description) {
     GError* error = nullptr;
     GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
     EXPECT_EQ(error, nullptr) << error->message;
@@ -673,16 +674,11 @@ std::vector<Frames> RunToEnd(const std::string& description,
     GstMessage* message = gst_bus_timed_pop_filtered(
         bus, 60 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
     EXPECT_TRUE(message && GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) << "no EOS in a minute";
-    std::vector<Frames> received;
-    for (const char* name : sinks) {
-        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), name);
-        received.emplace_back();
+    size_t frames = 0;
+    if (GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "out")) {
         while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 0)) {
-            gchar* caps = gst_caps_to_string(gst_sample_get_caps(sample));
-            received.back().caps.push_back(caps);
-            received.back().Add(gst_sample_get_buffer(sample));
-            g_free(caps);
             gst_sample_unref(sample);
+            ++frames;
         }
         gst_object_unref(sink);
     }
@@ -690,20 +686,7 @@ std::vector<Frames> RunToEnd(const std::string& description,
     gst_object_unref(bus);
     gst_element_set_state(pipeline, GST_STATE_NULL);
     gst_object_unref(pipeline);
-    return received;
-}
-
-TEST(ElementPipeline, PngEncodedFramesDecodeToTheSourceFrames) {
-    const auto received = RunToEnd(
-        "videotestsrc num-buffers=5 pattern=smpte "
-        "! video/x-raw,format=RGBA,width=48,height=30,framerate=25/1 ! tee name=t "
-        "t. ! queue ! pngenc ! kalpng_dec ! appsink name=decoded sync=false wait-on-eos=false "
-        "t. ! queue ! appsink name=raw sync=false wait-on-eos=false",
-        {"decoded", "raw"});
-    ASSERT_EQ(received[1].data.size(), 5u);
-    EXPECT_EQ(received[0].times, received[1].times);
-    EXPECT_TRUE(received[0].data == received[1].data);
-    EXPECT_EQ(received[0].caps, std::vector<std::string>(5, Caps(48, 30, "25/1")));
+    return frames;
 }
 
 // A fresh folder of `count` numbered PNG frames, frame%d.png.
@@ -737,13 +720,9 @@ TEST(ElementPipeline, EncodedVideoHoldsEveryFrame) {
         }
         gst_object_unref(factory);
         RunToEnd("multifilesrc location=" + (folder / "frame%d.png").string() +
-                     " caps=\"image/png,framerate=30/1\" ! kalpng_dec ! videoconvert ! " +
-                     c.encode + " ! filesink location=" + file,
-                 {});
-        const auto received = RunToEnd("filesrc location=" + file + " ! " + c.demux +
-                                           " ! appsink name=out sync=false wait-on-eos=false",
-                                       {"out"});
-        EXPECT_EQ(received[0].data.size(), 30u) << c.encode;
+                 " caps=\"image/png,framerate=30/1\" ! kalpng_dec ! videoconvert ! " + c.encode +
+                 " ! filesink location=" + file);
+        EXPECT_EQ(RunToEnd("filesrc location=" + file + " ! " + c.demux + kOut), 30u) << c.encode;
     }
     std::filesystem::remove_all(folder);
 }
@@ -754,17 +733,11 @@ TEST(ElementPipeline, CompositorAndImagefreezeRunToTheEnd) {
     const auto folder = WriteFrames("kalpng-composited", 1);
     const std::string png =
         "filesrc location=" + (folder / "frame0.png").string() + " ! kalpng_dec";
-    const std::string sink = " ! appsink name=out sync=false wait-on-eos=false";
-    EXPECT_EQ(RunToEnd(png + " ! compositor name=mix" + sink +
-                           " videotestsrc num-buffers=10 ! video/x-raw,width=64,height=48 ! mix.",
-                       {"out"})[0]
-                  .data.size(),
+    EXPECT_EQ(RunToEnd(png + " ! compositor name=mix" + kOut +
+                       " videotestsrc num-buffers=10 ! video/x-raw,width=64,height=48 ! mix."),
               10u);
-    for (int run = 0; run < 10; ++run) {
-        EXPECT_EQ(RunToEnd(png + " ! imagefreeze num-buffers=3 ! compositor" + sink, {"out"})[0]
-                      .data.size(),
-                  3u);
-    }
+    for (int run = 0; run < 10; ++run)
+        EXPECT_EQ(RunToEnd(png + " ! imagefreeze num-buffers=3 ! compositor" + kOut), 3u);
     std::filesystem::remove_all(folder);
 }
 
