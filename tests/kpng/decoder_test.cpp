@@ -489,19 +489,6 @@ TEST(Expansion, FollowsTheExpansionRules) {
     }
 }
 
-TEST(ImageData, SplitAtEveryByteWithEmptyChunksDecodesTheSame) {
-    const RawImage image = RandomImage(13, 7, 8, 2, 77);
-    const Bytes data = Zlib(Scanlines(image, false, [](int i) { return i % 5; }));
-    const Bytes expected = ReferenceDecode(EncodePng(image)).rgba;
-    for (size_t at = 1; at < data.size(); ++at) {
-        PngWriter png;
-        png.Ihdr(13, 7, 8, 2).Idat({}).Idat(Slice(data, 0, at)).Idat({}).Idat({});
-        png.Idat(Slice(data, at, data.size())).Iend();
-        EXPECT_TRUE(Decode(png.bytes()).rgba == expected) << at;
-        EXPECT_TRUE(Decode(png.bytes(), true).rgba == expected) << at;
-    }
-}
-
 // Hands out memory full of a pattern, as reused memory would be.
 void* PoisonedNew(unsigned long n) {
     void* p = MMAllocate(n);
