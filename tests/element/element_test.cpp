@@ -413,30 +413,36 @@ TEST(ElementClipping, FramesAreCutOrDroppedAtTheSegment) {
     }
 }
 
-// A corrupt PNG: an error flow and the reports of the decoder, DecodePNG and the element. The
-// failed PNG stays held, so a good one behind it fails the same way, until READY -> PAUSED.
+// A corrupt PNG, or bytes the input refuses before any decoding: an error flow, the reports of
+// where it failed and one error message. The failed stream keeps what it holds, even at its
+// end, until READY -> PAUSED starts afresh.
 TEST(ElementFailure, ErrorFlowWithReportsUntilTheNextStart) {
-    const Bytes corrupt = CorruptPng();
     Bytes badSignature = Png(4, 4, 0);
     badSignature[0] ^= 0xFF;
-    const std::string kpng = kModules + "kpng/kpng", cpng = kModules + "kpng/CPNG";
-    const std::string reports =
-        Report(kpng, 576) + Report(cpng, 64) + Report(kModules + "gst.kpng.d", 132);
-    Harness h(kPacketized);
-    GstFlowReturn flow = GST_FLOW_OK;
-    for (const Bytes& png : {corrupt, Png(4, 4, 5)}) {
-        EXPECT_EQ(Printed([&] { flow = h.Push(png); }), reports);
+    const std::string kpng = kModules + "kpng/kpng";
+    const struct {
+        Bytes png;
+        std::string reports, message;
+    } cases[] = {{CorruptPng(),
+                  Report(kpng, 576) + Report(kModules + "kpng/CPNG", 64) +
+                      Report(kModules + "gst.kpng.d", 132),
+                  "error: a chunk's CRC does not match its data (kpng +576)"},
+                 {badSignature, Report(kpng, 944),
+                  "error: not a PNG: the signature is wrong (kpng +944)"}};
+    for (const auto& c : cases) {
+        Harness h(kPacketized);
+        ASSERT_EQ(h.Push(Png(4, 4, 1)), GST_FLOW_OK);
+        GstFlowReturn flow = GST_FLOW_OK;
+        EXPECT_EQ(Printed([&] { flow = h.Push(c.png); }), c.reports);
         EXPECT_EQ(flow, GST_FLOW_ERROR);
+        EXPECT_EQ(Printed([&] { gst_harness_push_event(h.h, gst_event_new_eos()); }), "");
+        EXPECT_THAT(h.TakeMessages(), ElementsAre(c.message));
+        EXPECT_EQ(h.Take().data.size(), 1u);
+        h.Restart(kPacketized);
+        EXPECT_EQ(Printed([&] { h.Push(pngtest::Join({Png(4, 4, 5), Png(4, 4, 6)})); }), "");
+        ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_eos()));
+        EXPECT_THAT(h.Take().data, ElementsAre(Pixels(4, 4, 5), Pixels(4, 4, 6)));
     }
-    EXPECT_EQ(gst_harness_buffers_received(h.h), 0u);
-    h.Restart(kPacketized);
-    EXPECT_EQ(Printed([&] { flow = h.Push(Png(4, 4, 5)); }), "");
-    EXPECT_THAT(h.Take().data, ElementsAre(Pixels(4, 4, 5)));
-
-    // The input itself refuses a wrong signature, before any decoding.
-    Harness other(kPacketized);
-    EXPECT_EQ(Printed([&] { flow = other.Push(badSignature); }), Report(kpng, 944));
-    EXPECT_EQ(flow, GST_FLOW_ERROR);
 }
 
 // A pool that refuses because it is flushing ends the push quietly; an empty buffer is a push
