@@ -29,9 +29,7 @@ namespace pngtest {
 namespace {
 
 // The module texts of the decoder and of the DecodePNG front ends.
-const std::string kFolder =
-    "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/";
-const std::string kKpng = kFolder + "kpng/kpng", kCpng = kFolder + "kpng/CPNG";
+const std::string kKpng = kModules + "kpng/kpng", kCpng = kModules + "kpng/CPNG";
 
 // A stream holding the bytes, ready and positioned at 0; deleted with MMStreamDelete.
 MMStream* PageArrayStream(const Bytes& bytes) {
@@ -488,19 +486,6 @@ TEST(Expansion, FollowsTheExpansionRules) {
             EXPECT_EQ(decoded.printed, "");
             EXPECT_EQ(decoded.rgba, c.rgba);
         }
-    }
-}
-
-TEST(ImageData, SplitAtEveryByteWithEmptyChunksDecodesTheSame) {
-    const RawImage image = RandomImage(13, 7, 8, 2, 77);
-    const Bytes data = Zlib(Scanlines(image, false, [](int i) { return i % 5; }));
-    const Bytes expected = ReferenceDecode(EncodePng(image)).rgba;
-    for (size_t at = 1; at < data.size(); ++at) {
-        PngWriter png;
-        png.Ihdr(13, 7, 8, 2).Idat({}).Idat(Slice(data, 0, at)).Idat({}).Idat({});
-        png.Idat(Slice(data, at, data.size())).Iend();
-        EXPECT_TRUE(Decode(png.bytes()).rgba == expected) << at;
-        EXPECT_TRUE(Decode(png.bytes(), true).rgba == expected) << at;
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "CPNG.h"
 #include "kau.h"
@@ -13,14 +14,11 @@
 namespace pngtest {
 namespace {
 
-Bytes GoodPng() {
-    RawImage image = RandomImage(4, 3, 8, 2, 7);
-    return EncodePng(image);
-}
+const Bytes kGood = EncodePng(RandomImage(4, 3, 8, 2, 7));  // 48 output bytes
 
-// A good PNG with the bits of one byte inverted.
+// The good PNG with the bits of one byte inverted.
 Bytes Corrupted(size_t offset) {
-    Bytes png = GoodPng();
+    Bytes png = kGood;
     png[offset] ^= 0xFF;
     return png;
 }
@@ -33,7 +31,6 @@ struct FailureCase {
 };
 
 TEST(DecodeFailure, FirstReportNamesTheReasonInWords) {
-    const Bytes good = GoodPng();
     const FailureCase cases[] = {
         {"signature", Corrupted(0), kpng::kErrSignature, "not a PNG: the signature is wrong"},
         {"header CRC", Corrupted(29), kpng::kErrCrc, "a chunk's CRC does not match its data"},
@@ -41,7 +38,7 @@ TEST(DecodeFailure, FirstReportNamesTheReasonInWords) {
          "the colour type is invalid"},
         {"critical chunk", PngWriter().Ihdr(1, 1, 8, 2).Chunk("ABCD", {}).bytes(),
          kpng::kErrUnknownCriticalChunk, "an unknown critical chunk"},
-        {"cut short", Slice(good, 0, good.size() - 20), kpng::kErrShortInputMemory,
+        {"cut short", Slice(kGood, 0, kGood.size() - 20), kpng::kErrShortInputMemory,
          "the PNG ends early"},
         {"corrupt zlib", PngWriter().Ihdr(1, 1, 8, 2).Idat({0x78, 0x9c, 0xff, 0xff}).Iend().bytes(),
          kpng::kErrInflate, "the compressed image data is corrupt"},
@@ -74,27 +71,26 @@ TEST(DecodeFailure, RecorderIsPerThreadAndNests) {
 }
 
 TEST(DecodeFailure, UnknownPlacesAndFoundationFailures) {
-    EXPECT_STREQ(kpng::DescribeFailure("elsewhere", 1), "the decoder failed");
-    EXPECT_STREQ(kpng::DescribeFailure(kpng::kKpngFile, kpng::kCatchDecodeImage),
-                 "the decoder failed");
-    EXPECT_STREQ(kpng::DescribeFailure(kau::kKauFile, kau::kErrHeapAllocate),
-                 "there is not enough memory");
-    EXPECT_STREQ(kpng::DescribeFailure(kau::kKauFile, kau::kErrRoundUpOverflow),
-                 "a size is too large");
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"elsewhere", 1, "the decoder failed"},
+        {kpng::kKpngFile, kpng::kCatchDecodeImage, "the decoder failed"},
+        {kau::kKauFile, kau::kErrHeapAllocate, "there is not enough memory"},
+        {kau::kKauFile, kau::kErrRoundUpOverflow, "a size is too large"}};
+    for (const auto& [file, position, words] : cases)
+        EXPECT_STREQ(kpng::DescribeFailure(file, position), words) << file << " " << position;
 }
 
 // An output-size limit refuses a PNG once its header is read: even one whose pixels would take
 // gigabytes is refused without taking them. (The element's tests cover the stream overload.)
 TEST(DecodeLimit, OutputOverTheLimitIsRefusedAtTheHeader) {
-    const Bytes good = GoodPng();  // 4 x 3: 48 output bytes
     const Bytes huge = PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Zlib(Bytes{0})).Iend().bytes();
     const struct {
         const Bytes& png;
         uint64_t limit;
         int result, position;
-    } cases[] = {{good, 0, 1, 0},
-                 {good, 48, 1, 0},
-                 {good, 47, 0, kpng::kErrOutputOverLimit},
+    } cases[] = {{kGood, 0, 1, 0},
+                 {kGood, 48, 1, 0},
+                 {kGood, 47, 0, kpng::kErrOutputOverLimit},
                  {huge, 1 << 20, 0, kpng::kErrOutputOverLimit}};
     for (const auto& c : cases) {
         kpng::DecodeOptions options;

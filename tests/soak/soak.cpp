@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <random>
+#include <string>
 
 #include "test_png.h"
 
@@ -78,12 +79,11 @@ long ResidentKilobytes() {
 class Soak {
   public:
     explicit Soak(bool tolerant) : tolerant_(tolerant) {
-        pipeline_ = gst_parse_launch(
-            tolerant ? "appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! "
-                       "kalpng_dec max-errors=-1 ! appsink name=sink sync=false"
-                     : "appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! "
-                       "kalpng_dec ! appsink name=sink sync=false",
-            nullptr);
+        const std::string description =
+            std::string("appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! ") +
+            (tolerant ? "kalpng_dec max-errors=-1" : "kalpng_dec") +
+            " ! appsink name=sink sync=false";
+        pipeline_ = gst_parse_launch(description.c_str(), nullptr);
         if (!pipeline_) Fatal("cannot build the pipeline (is GST_PLUGIN_PATH right?)");
         src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
         sink_ = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");

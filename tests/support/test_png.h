@@ -86,6 +86,10 @@ struct PngOptions {
 };
 Bytes EncodePng(const RawImage& image, const PngOptions& options = {});
 
+// The folder of the decoder's and the element's module texts, as their reports print them.
+inline const std::string kModules =
+    "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/";
+
 // The report a catch site prints for an error raised at `file` +`position`.
 std::string Report(const std::string& file, int position);
 
