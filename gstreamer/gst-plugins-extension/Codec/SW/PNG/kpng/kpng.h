@@ -250,7 +250,7 @@ class Decoder : public kiu::Decoder {
     void DecodeInterlacedRows(unsigned char*& output);
     void PrepareRows();
     void ReadRow(bool firstRow);
-    unsigned char* OutputRows(uint32_t size, int failure);
+    unsigned char* TakeOutputRows(uint32_t size, int failure);
     void PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes);
 
     int32_t alphaDepth = 0;

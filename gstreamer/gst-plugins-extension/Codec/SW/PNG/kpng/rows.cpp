@@ -101,7 +101,7 @@ uint64_t Decoder::ImageDataSize() {
 }
 
 // Where the output rows go: the caller's rows, or memory of the decoder's own of `size` bytes.
-unsigned char* Decoder::OutputRows(uint32_t size, int failure) {
+unsigned char* Decoder::TakeOutputRows(uint32_t size, int failure) {
     if (destination) return destination;
     unsigned char* output = static_cast<unsigned char*>(kau::mem::New(size));
     if (!output) Fail(failure);
@@ -126,7 +126,7 @@ void Decoder::DecodeRows(unsigned char*& output) {
         if (bytesPerRow - stride > UINT32_MAX - size) Fail(kErrOutputAllocate);
         size += bytesPerRow - stride;
     }
-    output = OutputRows(size, kErrOutputAllocate);
+    output = TakeOutputRows(size, kErrOutputAllocate);
     previousRow = static_cast<unsigned char*>(heap.Allocate(bytesPerRow));
     if (!inPlace)
         currentRow = static_cast<unsigned char*>(
@@ -150,7 +150,7 @@ void Decoder::DecodeInterlacedRows(unsigned char*& output) {
     const uint32_t stride = destination ? destinationStride : width * pixelBytes;
     uint32_t size;
     if (!Multiply32(height, stride, size)) Fail(kErrInterlacedOutputAllocate);
-    output = OutputRows(size, kErrInterlacedOutputAllocate);
+    output = TakeOutputRows(size, kErrInterlacedOutputAllocate);
     const uint32_t roundedWidth = kau::RoundUp(width, 8);
     const uint32_t priorBytes =
         bitsPerPixel >= 8 ? bitsPerPixel / 8 * roundedWidth : bitsPerPixel * roundedWidth / 8;
