@@ -70,13 +70,14 @@ GstPadProbeReturn OfferPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
     return GST_PAD_PROBE_HANDLED;
 }
 
-// The frames of the PNGs through "kalpng_dec ! <downstream> ! appsink", and the format the
-// element chose.
+// The frames of the PNGs through "kalpng_dec <properties> ! <downstream> ! appsink", and the
+// format the element chose.
 std::vector<Frame> Decode(const std::vector<Bytes>& pngs, const std::string& downstream,
-                          bool paddedPool, std::string* chosen = nullptr) {
-    const std::string description =
-        "appsrc name=src caps=image/png,framerate=25/1 ! kalpng_dec name=dec ! " + downstream +
-        " ! appsink name=sink sync=false";
+                          bool paddedPool, std::string* chosen = nullptr,
+                          const std::string& properties = "") {
+    const std::string description = "appsrc name=src caps=image/png,framerate=25/1 ! kalpng_dec "
+                                    "name=dec " + properties + " ! " + downstream +
+                                    " ! appsink name=sink sync=false";
     GError* error = nullptr;
     GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
     if (error) {
@@ -193,6 +194,25 @@ TEST_P(OutputFormat, EqualsVideoconvertOfTheRgbaFrames) {
 
 INSTANTIATE_TEST_SUITE_P(Formats, OutputFormat, testing::ValuesIn(kFormats),
                          [](const auto& info) { return std::string(info.param.format); });
+
+// The frame limit counts the bytes of the format downstream takes: a 40 x 40 frame is 1600
+// bytes in GRAY8 and 3200 in RGB16 (its PNG far fewer). A PNG over the limit is skipped
+// (max-errors=-1).
+TEST(OutputFormatLimit, CountsTheBytesOfTheNegotiatedFormat) {
+    pngtest::RawImage black;
+    black.width = black.height = 40;
+    black.pixels.assign(black.RowBytes(40) * 40, 0);
+    const Bytes png = pngtest::EncodePng(black);
+    for (const auto& [format, limit, frames] :
+         {std::tuple{"GRAY8", 1600, 1u}, {"RGB16", 3199, 0u}, {"RGB16", 3200, 1u}}) {
+        const std::string properties =
+            "max-errors=-1 max-frame-bytes=" + std::to_string(limit);
+        EXPECT_EQ(Decode({png}, std::string("video/x-raw,format=") + format, false, nullptr,
+                         properties).size(),
+                  frames)
+            << format << " " << limit;
+    }
+}
 
 }  // namespace
 }  // namespace format_test
