@@ -102,8 +102,11 @@ std::vector<Frame> Decode(const std::vector<Bytes>& pngs, const std::string& dow
     while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 60 * GST_SECOND)) {
         GstVideoInfo info;
         gst_video_info_from_caps(&info, gst_sample_get_caps(sample));
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        // Both the element's pool and downstream's give frames their layout.
+        EXPECT_NE(gst_buffer_get_video_meta(buffer), nullptr);
         GstVideoFrame video;
-        EXPECT_TRUE(gst_video_frame_map(&video, &info, gst_sample_get_buffer(sample), GST_MAP_READ));
+        EXPECT_TRUE(gst_video_frame_map(&video, &info, buffer, GST_MAP_READ));
         Frame frame{GST_VIDEO_INFO_NAME(&info), guint(info.width), guint(info.height), {}};
         const size_t rowBytes = size_t(GST_VIDEO_INFO_COMP_PSTRIDE(&info, 0)) * info.width;
         for (guint y = 0; y < frame.height; ++y) {
