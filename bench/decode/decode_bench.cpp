@@ -376,7 +376,8 @@ void ReportElement(const std::vector<Image>& images) {
     ElementPipeline element("RGBA");
     if (!element) return;
     std::printf(
-        "\nelement (appsrc ! kalpng_dec ! fakesink) against DecodePNG on the same frames:\n");
+        "\nelement (appsrc ! kalpng_dec ! video/x-raw,format=RGBA ! fakesink) against DecodePNG on "
+        "the same frames:\n");
     for (size_t run : {size_t{1}, size_t{8}}) {
         std::vector<const Image*> order;
         for (const Image& image : images)
