@@ -46,11 +46,15 @@ constexpr char kHelp[] =
     "decoder's own report line is on standard output. Exit status: 0 when every file succeeded,\n"
     "1 when one failed, 2 for wrong usage.\n";
 
+// Each file format takes its samples straight from the decoder, in the layout the decoder writes.
 struct Format {
     const char* name;  // also the file extension
     int channels;
+    kpng::OutputFormat decoded;
 };
-constexpr Format kFormats[] = {{"pam", 4}, {"ppm", 3}, {"pgm", 1}};
+constexpr Format kFormats[] = {{"pam", 4, kpng::OutputFormat::kRgba},
+                               {"ppm", 3, kpng::OutputFormat::kRgb},
+                               {"pgm", 1, kpng::OutputFormat::kGray8}};
 
 struct Options {
     unsigned long alpha = 255;
@@ -202,7 +206,7 @@ struct Picture {
 };
 
 // Only the decode is timed, not reading the file or opening the stream.
-bool Decode(const Options& options, const char* input, Picture& picture) {
+bool Decode(const Options& options, const char* input, const Format& format, Picture& picture) {
     using Clock = std::chrono::steady_clock;
     kau::FirstReport report;
     std::vector<unsigned char> png;
@@ -223,26 +227,16 @@ bool Decode(const Options& options, const char* input, Picture& picture) {
             return false;
         }
     }
+    kpng::DecodeOptions decodeOptions;
+    decodeOptions.format = format.decoded;
     const Clock::time_point start = Clock::now();
-    const int decoded = stream ? DecodePNG(stream, options.alpha, &picture.image)
-                               : DecodePNG(png.data(), png.size(), options.alpha, &picture.image);
+    const int decoded =
+        stream ? DecodePNG(stream, options.alpha, &picture.image, decodeOptions)
+               : DecodePNG(png.data(), png.size(), options.alpha, &picture.image, decodeOptions);
     picture.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     MMStreamDelete(&stream);
     if (!decoded) ComplainDecode(input, report);
     return decoded;
-}
-
-// One row in the format's samples: R, G, B, A as they are, R, G, B, or BT.601 grey.
-void ConvertRow(const unsigned char* rgba, uint32_t width, int channels, unsigned char* out) {
-    for (uint32_t x = 0; x < width; ++x, rgba += 4) {
-        if (channels == 1) {
-            *out++ = static_cast<unsigned char>(
-                (19595u * rgba[0] + 38470u * rgba[1] + 7471u * rgba[2] + 32768u) >> 16);
-        } else {
-            for (int c = 0; c < channels; ++c)
-                *out++ = rgba[c];
-        }
-    }
 }
 
 bool WriteImage(FILE* file, const STImageSimple& image, const Format& format) {
@@ -252,10 +246,10 @@ bool WriteImage(FILE* file, const STImageSimple& image, const Format& format) {
     } else {
         fprintf(file, "P%d\n%u %u\n255\n", format.channels == 3 ? 6 : 5, image.width, image.height);
     }
-    std::vector<unsigned char> row(size_t(image.width) * format.channels);
+    const size_t rowBytes = size_t(image.width) * format.channels;
     for (uint32_t y = 0; y < image.height; ++y) {
-        ConvertRow(image.data + size_t(y) * image.stride, image.width, format.channels, row.data());
-        if (fwrite(row.data(), 1, row.size(), file) != row.size()) return false;
+        if (fwrite(image.data + size_t(y) * image.stride, 1, rowBytes, file) != rowBytes)
+            return false;
     }
     return fflush(file) == 0;
 }
@@ -307,7 +301,7 @@ std::string OutputInDirectory(const char* dir, const char* input, const Format& 
 Status DecodeOne(const Options& options, const char* input, const char* output,
                  const Format& format) {
     Picture picture;
-    if (!Decode(options, input, picture)) return kFailed;
+    if (!Decode(options, input, format, picture)) return kFailed;
     std::string reason;
     if (output && !WriteOutput(output, picture.image, format, reason)) {
         Complain(output, reason);

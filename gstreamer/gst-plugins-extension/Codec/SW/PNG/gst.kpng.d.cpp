@@ -1,5 +1,6 @@
 // kalpng_dec: collects PNG bytes that arrive in pieces, decodes each complete PNG with the
-// system's own engine and pushes it as one RGBA video frame.
+// system's own engine straight into an output buffer and pushes it as one video frame, in RGBA
+// or in the first of the other formats the decoder writes that downstream accepts.
 #include "gst.kpng.d.h"
 
 #include <sys/mman.h>
@@ -36,6 +37,32 @@ enum { PROP_0, PROP_MAX_ERRORS, PROP_QOS, PROP_MAX_FRAME_BYTES };
 // Palette colours without a transparency entry come out opaque.
 constexpr unsigned long kDefaultAlpha = 255;
 
+// The formats the decoder writes, in the order of preference: RGBA whenever downstream takes
+// it, since any other costs downstream nothing only when it cannot take RGBA.
+struct OutputFormat {
+    GstVideoFormat video;
+    kpng::OutputFormat decoded;
+};
+constexpr OutputFormat kOutputFormats[] = {
+    {GST_VIDEO_FORMAT_RGBA, kpng::OutputFormat::kRgba},
+    {GST_VIDEO_FORMAT_BGRA, kpng::OutputFormat::kBgra},
+    {GST_VIDEO_FORMAT_ARGB, kpng::OutputFormat::kArgb},
+    {GST_VIDEO_FORMAT_ABGR, kpng::OutputFormat::kAbgr},
+    {GST_VIDEO_FORMAT_RGBx, kpng::OutputFormat::kRgbx},
+    {GST_VIDEO_FORMAT_BGRx, kpng::OutputFormat::kBgrx},
+    {GST_VIDEO_FORMAT_xRGB, kpng::OutputFormat::kXrgb},
+    {GST_VIDEO_FORMAT_xBGR, kpng::OutputFormat::kXbgr},
+    {GST_VIDEO_FORMAT_RGB, kpng::OutputFormat::kRgb},
+    {GST_VIDEO_FORMAT_BGR, kpng::OutputFormat::kBgr},
+    {GST_VIDEO_FORMAT_RGB16, kpng::OutputFormat::kRgb16},
+    {GST_VIDEO_FORMAT_GRAY8, kpng::OutputFormat::kGray8}};
+
+kpng::OutputFormat DecodedFormat(GstVideoFormat format) {
+    for (const OutputFormat& f : kOutputFormats)
+        if (f.video == format) return f.decoded;
+    return kpng::OutputFormat::kRgba;
+}
+
 }  // namespace
 
 GST_DEBUG_CATEGORY_STATIC(kalpng_dec_debug);
@@ -44,13 +71,20 @@ GST_DEBUG_CATEGORY_STATIC(kalpng_dec_debug);
 static GstStaticPadTemplate sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS("image/png"));
 
+// Colour frames are sRGB; grey frames keep grey's own colorimetry, full-range BT.601 luma,
+// which is how the decoder turns colour into grey.
 static GstStaticPadTemplate src_template = GST_STATIC_PAD_TEMPLATE(
     "src", GST_PAD_SRC, GST_PAD_ALWAYS,
-    GST_STATIC_CAPS("video/x-raw, format = (string) RGBA, width = (int) [ 1, max ], "
+    GST_STATIC_CAPS("video/x-raw, format = (string) { RGBA, BGRA, ARGB, ABGR, RGBx, BGRx, xRGB, "
+                    "xBGR, RGB, BGR, RGB16 }, width = (int) [ 1, max ], "
                     "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ], "
                     "interlace-mode = (string) progressive, "
                     "pixel-aspect-ratio = (fraction) [ 1/16, 16/1 ], "
-                    "colorimetry = (string) sRGB"));
+                    "colorimetry = (string) sRGB; "
+                    "video/x-raw, format = (string) GRAY8, width = (int) [ 1, max ], "
+                    "height = (int) [ 1, max ], framerate = (fraction) [ 0/1, max ], "
+                    "interlace-mode = (string) progressive, "
+                    "pixel-aspect-ratio = (fraction) [ 1/16, 16/1 ]"));
 
 static GstElementClass* parent_class = nullptr;
 
@@ -362,6 +396,7 @@ static void gst_kalpng_dec_reset(GstKalPngDec* dec) {
     gst_segment_init(&dec->out_segment, GST_FORMAT_TIME);
     gst_event_replace(&dec->held_segment, nullptr);
     dec->last_par_n = dec->last_par_d = 1;
+    dec->last_format = GST_VIDEO_FORMAT_UNKNOWN;
     dec->errors = 0;
     dec->failed = FALSE;
     dec->processed = dec->dropped = 0;
@@ -390,18 +425,12 @@ static GstStateChangeReturn gst_kalpng_dec_change_state(GstElement* element,
 
 namespace {
 
-// A decoded picture; its pixels are released with the frame on every path.
-struct DecodedFrame {
-    STImageSimple image{};
+// What the PNG's header says of the frame, read before it is decoded.
+struct FrameHeader {
+    guint32 width = 0;
+    guint32 height = 0;
     gint par_n = 1;
     gint par_d = 1;
-
-    DecodedFrame() = default;
-    DecodedFrame(const DecodedFrame&) = delete;
-    DecodedFrame& operator=(const DecodedFrame&) = delete;
-    ~DecodedFrame() {
-        if (image.data) kau::mem::Delete(image.data);
-    }
 };
 
 struct BufferUnref {
@@ -409,12 +438,25 @@ struct BufferUnref {
 };
 using BufferHolder = std::unique_ptr<GstBuffer, BufferUnref>;
 
+// An output buffer mapped as a video frame while the decoder writes into it.
+struct MappedFrame {
+    GstVideoFrame frame{};
+    bool mapped = false;
+
+    MappedFrame() = default;
+    MappedFrame(const MappedFrame&) = delete;
+    MappedFrame& operator=(const MappedFrame&) = delete;
+    ~MappedFrame() {
+        if (mapped) gst_video_frame_unmap(&frame);
+    }
+};
+
 }  // namespace
 
 // The pixel aspect ratio of a pHYs chunk in pixels per metre, reduced; 1/1 without one, with
 // another unit, or with a ratio beyond what any display means. Reads the chunk headers of a
-// PNG the decoder has accepted and puts the stream back where it was.
-static void gst_kalpng_dec_read_aspect(MMStream* stream, DecodedFrame& frame) {
+// complete PNG, stopping wherever they end early, and puts the stream back where it was.
+static void gst_kalpng_dec_read_aspect(MMStream* stream, FrameHeader& frame) {
     unsigned long resume = 0;
     if (!MMStreamTell(stream, &resume) || !MMStreamSeek(stream, 8, MMStreamSeekFromBegin)) return;
     guint8 head[8];
@@ -445,40 +487,102 @@ static void gst_kalpng_dec_read_aspect(MMStream* stream, DecodedFrame& frame) {
     MMStreamSeek(stream, long(resume), MMStreamSeekFromBegin);
 }
 
-// Decodes the complete PNG held by the input and starts a fresh input with the bytes that
-// followed it. A failed decode leaves the input complete.
+// The frame's size from the PNG's header, and its aspect. False when the header is not there to
+// read or gives a frame that the decoder will refuse before writing a pixel (a size of 0 or of
+// 2^31 and more, or over max-frame-bytes) or that no buffer can hold.
+static bool gst_kalpng_dec_read_header(GstKalPngDec* dec, const Settings& settings,
+                                       GstVideoFormat format, FrameHeader& frame) {
+    MMStream* stream = dec->input.stream;
+    guint8 ihdr[16];
+    unsigned long resume = 0;
+    if (!MMStreamTell(stream, &resume) || !MMStreamSeek(stream, 8, MMStreamSeekFromBegin))
+        return false;
+    const bool read = MMStreamGet(stream, ihdr, 16) == 16;
+    MMStreamSeek(stream, long(resume), MMStreamSeekFromBegin);
+    if (!read || memcmp(ihdr + 4, "IHDR", 4) != 0) return false;
+    frame.width = GST_READ_UINT32_BE(ihdr + 8);
+    frame.height = GST_READ_UINT32_BE(ihdr + 12);
+    if (frame.width - 1 >= G_MAXINT32 || frame.height - 1 >= G_MAXINT32) return false;
+    const guint64 bytes =
+        guint64(frame.width) * kpng::BytesPerPixel(DecodedFormat(format)) * frame.height;
+    if (settings.max_frame_bytes && bytes > settings.max_frame_bytes) return false;
+    GstVideoInfo info;
+    if (!gst_video_info_set_format(&info, format, frame.width, frame.height) ||
+        info.size > G_MAXUINT32) {
+        return false;
+    }
+    gst_kalpng_dec_read_aspect(stream, frame);
+    return true;
+}
+
+// Decodes the complete PNG held by the input into the mapped frame (or, with none, nowhere: the
+// decoder then refuses it at its header) and starts a fresh input with the bytes that followed
+// it. A failed decode leaves the input complete.
 static void gst_kalpng_dec_decode(GstKalPngDec* dec, const Settings& settings,
-                                  DecodedFrame& frame) {
+                                  GstVideoFormat format, MappedFrame& out) {
     if (!MMStreamReady(dec->input.stream)) kau::Error::Throw(kElementFile, kErrStreamNotReady);
     kpng::DecodeOptions options;
     options.maxOutputBytes = settings.max_frame_bytes;
-    if (!DecodePNG(dec->input.stream, kDefaultAlpha, &frame.image, options)) {
+    options.format = DecodedFormat(format);
+    if (out.mapped) {
+        options.destination = static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&out.frame, 0));
+        options.stride = guint32(GST_VIDEO_FRAME_PLANE_STRIDE(&out.frame, 0));
+    }
+    STImageSimple image = {};
+    if (!DecodePNG(dec->input.stream, kDefaultAlpha, &image, options)) {
         kau::Error::Throw(kElementFile, kErrDecode);
     }
-    gst_kalpng_dec_read_aspect(dec->input.stream, frame);
-    GST_DEBUG_OBJECT(dec, "decoded a PNG of %u bytes: %ux%u, pixel aspect %d/%d",
-                     dec->input.pngSize, frame.image.width, frame.image.height, frame.par_n,
-                     frame.par_d);
+    // A PNG whose header promised no frame has no buffer to go to.
+    if (!out.mapped) {
+        kau::mem::Delete(image.data);
+        kau::Error::Throw(kElementFile, kErrOutputBuffer);
+    }
+    GST_DEBUG_OBJECT(dec, "decoded a PNG of %u bytes: %ux%u", dec->input.pngSize, image.width,
+                     image.height);
     dec->input.ResetStreamWithDataAfterIEND();
 }
 
-static GstCaps* gst_kalpng_dec_output_caps(const GstKalPngDec* dec) {
-    GstVideoInfo info;
-    gst_video_info_set_format(&info, GST_VIDEO_FORMAT_RGBA, guint(dec->last_width),
+// The format of the next frames: the first that downstream accepts, RGBA when it accepts
+// anything or nothing.
+static GstVideoFormat gst_kalpng_dec_choose_format(GstKalPngDec* dec) {
+    GstCaps* peer = gst_pad_peer_query_caps(dec->srcpad, nullptr);
+    GstVideoFormat chosen = GST_VIDEO_FORMAT_RGBA;
+    for (const OutputFormat& f : kOutputFormats) {
+        GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING,
+                                            gst_video_format_to_string(f.video), nullptr);
+        const bool accepted = gst_caps_can_intersect(peer, caps);
+        gst_caps_unref(caps);
+        if (accepted) {
+            chosen = f.video;
+            break;
+        }
+    }
+    gst_caps_unref(peer);
+    return chosen;
+}
+
+static GstCaps* gst_kalpng_dec_output_caps(GstKalPngDec* dec) {
+    GstVideoInfo& info = dec->out_info;
+    gst_video_info_set_format(&info, dec->last_format, guint(dec->last_width),
                               guint(dec->last_height));
     info.fps_n = dec->last_fps_n;
     info.fps_d = dec->last_fps_d;
     info.par_n = dec->last_par_n;
     info.par_d = dec->last_par_d;
     info.interlace_mode = GST_VIDEO_INTERLACE_MODE_PROGRESSIVE;
-    gst_video_colorimetry_from_string(&info.colorimetry, GST_VIDEO_COLORIMETRY_SRGB);
+    if (GST_VIDEO_INFO_IS_RGB(&info))
+        gst_video_colorimetry_from_string(&info.colorimetry, GST_VIDEO_COLORIMETRY_SRGB);
     return gst_video_info_to_caps(&info);
 }
 
+// Frames carry their layout (GstVideoMeta) wherever the pool can add it, so that a pool with
+// rows of its own stride can serve them.
 static bool gst_kalpng_dec_start_pool(GstBufferPool* pool, GstCaps* caps, guint size, guint min,
                                       guint max) {
     GstStructure* config = gst_buffer_pool_get_config(pool);
     gst_buffer_pool_config_set_params(config, caps, size, min, max);
+    if (gst_buffer_pool_has_option(pool, GST_BUFFER_POOL_OPTION_VIDEO_META))
+        gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
     return gst_buffer_pool_set_config(pool, config) && gst_buffer_pool_set_active(pool, TRUE);
 }
 
@@ -631,15 +735,16 @@ static void gst_kalpng_dec_decide_pool(GstKalPngDec* dec, guint size) {
     if (!pool) kau::Error::Throw(kElementFile, kErrOutputBuffer);
 }
 
-// Sets new source caps when the frame's size, aspect or the frame rate changed, and agrees on a
-// new pool then or when downstream asks for renegotiation.
-static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const DecodedFrame& frame) {
-    const gint width = gint(frame.image.width);
-    const gint height = gint(frame.image.height);
-    const bool reconfigure = gst_pad_check_reconfigure(dec->srcpad);
+// Sets new source caps when the frame's size, aspect, format or the frame rate changed, and
+// agrees on a new pool then or when downstream asks for renegotiation.
+static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const FrameHeader& frame,
+                                     GstVideoFormat format, bool reconfigure) {
+    const gint width = gint(frame.width);
+    const gint height = gint(frame.height);
     const bool changed = width != dec->last_width || height != dec->last_height ||
                          frame.par_n != dec->last_par_n || frame.par_d != dec->last_par_d ||
-                         dec->fps_n != dec->last_fps_n || dec->fps_d != dec->last_fps_d;
+                         dec->fps_n != dec->last_fps_n || dec->fps_d != dec->last_fps_d ||
+                         format != dec->last_format;
     if (changed) {
         if (dec->fps_d == 0) {
             dec->fps_n = 0;
@@ -651,18 +756,21 @@ static void gst_kalpng_dec_negotiate(GstKalPngDec* dec, const DecodedFrame& fram
         dec->last_par_d = frame.par_d;
         dec->last_fps_n = dec->fps_n;
         dec->last_fps_d = dec->fps_d;
+        dec->last_format = format;
         GstCaps* caps = gst_kalpng_dec_output_caps(dec);
         gst_pad_set_caps(dec->srcpad, caps);
         gst_caps_unref(caps);
         gst_kalpng_dec_push_held_segment(dec);
     }
-    if (changed || reconfigure || !dec->pool) gst_kalpng_dec_decide_pool(dec, frame.image.dataSize);
+    if (changed || reconfigure || !dec->pool) gst_kalpng_dec_decide_pool(dec, guint(dec->out_info.size));
 }
 
 // A pool that is flushing answers GST_FLOW_FLUSHING, which ends the call quietly: during a
-// flushing seek that is the normal state, not a failure.
-static GstFlowReturn gst_kalpng_dec_allocate(GstKalPngDec* dec, const STImageSimple& image,
-                                             BufferHolder& holder) {
+// flushing seek that is the normal state, not a failure. A buffer without a layout of its own
+// (GstVideoMeta) holds the frame in the caps' layout; the element's own pool gives its buffers
+// that layout as a GstVideoMeta too.
+static GstFlowReturn gst_kalpng_dec_allocate(GstKalPngDec* dec, BufferHolder& holder,
+                                             MappedFrame& mapped) {
     GstBuffer* out = nullptr;
     const GstFlowReturn flow = gst_buffer_pool_acquire_buffer(dec->pool, &out, nullptr);
     if (flow == GST_FLOW_FLUSHING) {
@@ -671,9 +779,20 @@ static GstFlowReturn gst_kalpng_dec_allocate(GstKalPngDec* dec, const STImageSim
     }
     if (flow != GST_FLOW_OK || !out) kau::Error::Throw(kElementFile, kErrOutputBuffer);
     holder.reset(out);
-    if (gst_buffer_get_size(out) < image.dataSize)
-        kau::Error::Throw(kElementFile, kErrOutputBuffer);
-    gst_buffer_set_size(out, image.dataSize);
+    GstVideoInfo& info = dec->out_info;
+    if (!gst_buffer_get_video_meta(out)) {
+        if (gst_buffer_get_size(out) < info.size) kau::Error::Throw(kElementFile, kErrOutputBuffer);
+        gst_buffer_set_size(out, info.size);
+        if (G_TYPE_CHECK_INSTANCE_TYPE(dec->pool, gst_kalpng_dec_pool_get_type())) {
+            gst_buffer_add_video_meta_full(out, GST_VIDEO_FRAME_FLAG_NONE,
+                                           GST_VIDEO_INFO_FORMAT(&info), GST_VIDEO_INFO_WIDTH(&info),
+                                           GST_VIDEO_INFO_HEIGHT(&info), 1, info.offset,
+                                           info.stride);
+        }
+    }
+    // A buffer that cannot be written is as unusable as one that could not be allocated.
+    mapped.mapped = gst_video_frame_map(&mapped.frame, &info, out, GST_MAP_WRITE);
+    if (!mapped.mapped) kau::Error::Throw(kElementFile, kErrOutputBuffer);
     return GST_FLOW_OK;
 }
 
@@ -720,19 +839,6 @@ static bool gst_kalpng_dec_clip(GstKalPngDec* dec, GstBuffer* out) {
         GST_BUFFER_DURATION(out) = clip_stop - clip_start;
     }
     return true;
-}
-
-static void gst_kalpng_dec_fill(GstKalPngDec* dec, GstBuffer* out, const STImageSimple& image) {
-    // A buffer that cannot be written is as unusable as one that could not be allocated.
-    GstMapInfo map;
-    if (!gst_buffer_map(out, &map, GST_MAP_WRITE)) {
-        kau::Error::Throw(kElementFile, kErrOutputBuffer);
-    }
-    kau::mem::Copy8(map.data, image.data, image.dataSize);
-    gst_buffer_unmap(out, &map);
-    GST_INFO_OBJECT(
-        dec, "ready to push an output buffer, ts=%" GST_TIME_FORMAT ", dur=%" GST_TIME_FORMAT,
-        GST_TIME_ARGS(GST_BUFFER_PTS(out)), GST_TIME_ARGS(GST_BUFFER_DURATION(out)));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -851,47 +957,71 @@ static void gst_kalpng_dec_skip_late(GstKalPngDec* dec, GstClockTime in_duration
 // ---------------------------------------------------------------------------------------------
 // The chain
 
-static GstFlowReturn gst_kalpng_dec_send(GstKalPngDec* dec, const DecodedFrame& frame,
+// Negotiates and takes the output buffer the frame is decoded into. Answers GST_FLOW_FLUSHING
+// when the pool is flushing: the PNG is then dropped, as a frame decoded during a flush would be.
+static GstFlowReturn gst_kalpng_dec_prepare(GstKalPngDec* dec, const FrameHeader& header,
+                                            GstVideoFormat format, bool reconfigure,
+                                            BufferHolder& out, MappedFrame& mapped) {
+    gst_kalpng_dec_negotiate(dec, header, format, reconfigure);
+    const GstFlowReturn flow = gst_kalpng_dec_allocate(dec, out, mapped);
+    if (flow != GST_FLOW_OK) gst_kalpng_dec_discard_png(dec);
+    return flow;
+}
+
+static GstFlowReturn gst_kalpng_dec_send(GstKalPngDec* dec, BufferHolder& out,
                                          GstClockTime in_duration) {
-    gst_kalpng_dec_negotiate(dec, frame);
-    BufferHolder out;
-    GstFlowReturn flow = gst_kalpng_dec_allocate(dec, frame.image, out);
-    if (flow != GST_FLOW_OK) return flow;
     gst_kalpng_dec_stamp(dec, out.get(), in_duration);
     if (dec->segment->format == GST_FORMAT_TIME && !gst_kalpng_dec_clip(dec, out.get())) {
         return GST_FLOW_OK;
     }
-    gst_kalpng_dec_fill(dec, out.get(), frame.image);
-    flow = gst_pad_push(dec->srcpad, out.release());
+    GST_INFO_OBJECT(
+        dec, "ready to push an output buffer, ts=%" GST_TIME_FORMAT ", dur=%" GST_TIME_FORMAT,
+        GST_TIME_ARGS(GST_BUFFER_PTS(out.get())), GST_TIME_ARGS(GST_BUFFER_DURATION(out.get())));
+    const GstFlowReturn flow = gst_pad_push(dec->srcpad, out.release());
     if (flow != GST_FLOW_OK) GST_ERROR_OBJECT(dec, "could not push output buffer");
     return flow;
 }
 
-// Turns the complete PNG the input holds into a frame, or skips it when it is already late.
+// Turns the complete PNG the input holds into a frame, decoded straight into the output
+// buffer, or skips it when it is already late. A buffer that cannot be had ends the stream; a
+// PNG that fails leaves nothing downstream, its buffer is dropped.
 static GstFlowReturn gst_kalpng_dec_frame(GstKalPngDec* dec, const Settings& settings,
                                           GstClockTime in_duration) {
     kau::FirstReport first;
-    DecodedFrame frame;
-    try {
-        if (settings.qos && gst_kalpng_dec_late(dec, in_duration)) {
-            gst_kalpng_dec_skip_late(dec, in_duration);
-            return GST_FLOW_OK;
+    if (settings.qos && gst_kalpng_dec_late(dec, in_duration)) {
+        gst_kalpng_dec_skip_late(dec, in_duration);
+        return GST_FLOW_OK;
+    }
+    const bool reconfigure = gst_pad_check_reconfigure(dec->srcpad);
+    const GstVideoFormat format = reconfigure || dec->last_format == GST_VIDEO_FORMAT_UNKNOWN
+                                      ? gst_kalpng_dec_choose_format(dec)
+                                      : dec->last_format;
+    FrameHeader header;
+    BufferHolder out;
+    MappedFrame mapped;
+    if (gst_kalpng_dec_read_header(dec, settings, format, header)) {
+        try {
+            const GstFlowReturn flow =
+                gst_kalpng_dec_prepare(dec, header, format, reconfigure, out, mapped);
+            if (flow != GST_FLOW_OK) return flow;
+        } catch (...) {
+            kau::ReportCurrentException(kElementFile, kCatchChain);
+            dec->failed = TRUE;
+            gst_kalpng_dec_post_report(dec, true, first);
+            return GST_FLOW_ERROR;
         }
-        gst_kalpng_dec_decode(dec, settings, frame);
+    }
+    try {
+        gst_kalpng_dec_decode(dec, settings, format, mapped);
     } catch (...) {
         kau::ReportCurrentException(kElementFile, kCatchChain);
         return gst_kalpng_dec_bad_png(dec, settings, first);
     }
     dec->errors = 0;
     ++dec->processed;
-    try {
-        return gst_kalpng_dec_send(dec, frame, in_duration);
-    } catch (...) {
-        kau::ReportCurrentException(kElementFile, kCatchChain);
-        dec->failed = TRUE;
-        gst_kalpng_dec_post_report(dec, true, first);
-        return GST_FLOW_ERROR;
-    }
+    gst_video_frame_unmap(&mapped.frame);
+    mapped.mapped = false;
+    return gst_kalpng_dec_send(dec, out, in_duration);
 }
 
 // Where a PNG can start in a stream that tolerates bad input: at the signature, or at a piece

@@ -1,4 +1,5 @@
-// The PNG decoder element kalpng_dec: PNG bytes in ("image/png"), RGBA frames out.
+// The PNG decoder element kalpng_dec: PNG bytes in ("image/png"), raw video frames out, RGBA
+// unless downstream asks for another format.
 #pragma once
 
 #include <gst/gst.h>
@@ -43,6 +44,9 @@ struct GstKalPngDec {
     // Pixel aspect ratio in the caps last set.
     gint32 last_par_n;
     gint32 last_par_d;
+    // The output format chosen with downstream, and the layout of the caps last set.
+    GstVideoFormat last_format;
+    GstVideoInfo out_info;
 
     // Properties, under the object lock.
     gint max_errors;

@@ -23,7 +23,7 @@ constexpr OverloadPositions kStream = {kErrStreamArguments, kErrStreamNoDecoder,
 // failure), `header` sees it before any pixel is decoded. Fills `image` only on success.
 template <typename Construct, typename Header>
 int Decode(bool valid, STImageSimple* image, bool withDataSize, const OverloadPositions& at,
-           Construct construct, Header header) {
+           Construct construct, Header header, const kpng::DecodeOptions& options = {}) {
     return kau::CatchAndReport(kCPNGFile, at.report, 0, [&] {
         if (!valid) kau::Error::Throw(kCPNGFile, at.invalidArguments);
         std::unique_ptr<kpng::Decoder> decoder(construct());
@@ -36,10 +36,11 @@ int Decode(bool valid, STImageSimple* image, bool withDataSize, const OverloadPo
         kau::mem::Zero8(image, sizeof(*image));
         image->width = width;
         image->height = height;
-        image->stride = width * 4;
-        image->bpp = 32;
+        const uint32_t pixelBytes = kpng::BytesPerPixel(options.format);
+        image->stride = options.destination ? options.stride : width * pixelBytes;
+        image->bpp = uint16_t(8 * pixelBytes);
         image->data = pixels;
-        if (withDataSize) image->dataSize = width * 4 * height;
+        if (withDataSize) image->dataSize = image->stride * height;
         return 1;
     });
 }
@@ -76,7 +77,7 @@ int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaul
         [&] {
             return new kpng::Decoder(png, size, static_cast<unsigned char>(defaultAlpha), options);
         },
-        [](const kpng::Decoder&) {});
+        [](const kpng::Decoder&) {}, options);
 }
 
 int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image,
@@ -86,5 +87,5 @@ int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image
         [&] {
             return new kpng::Decoder(stream, static_cast<unsigned char>(defaultAlpha), options);
         },
-        [](const kpng::Decoder&) {});
+        [](const kpng::Decoder&) {}, options);
 }

@@ -47,7 +47,9 @@ int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaul
 // Reads from the stream's position, which is left wherever the decoder's last read stopped.
 int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image);
 // The same two, with the options of one decode (kpng::DecodeOptions); their failures are
-// reported at the same positions.
+// reported at the same positions. The record then describes the options' format (`bpp`) and
+// rows (`stride`, and `data` the caller's destination when one was given; `dataSize` is
+// stride x height).
 int DecodePNG(const unsigned char* png, unsigned long size, unsigned long defaultAlpha,
               STImageSimple* image, const kpng::DecodeOptions& options);
 int DecodePNG(MMStream* stream, unsigned long defaultAlpha, STImageSimple* image,

@@ -66,18 +66,24 @@ Decoder::~Decoder() = default;
 Decoder::Decoder(const unsigned char* data, unsigned long size, unsigned char alpha,
                  const DecodeOptions& options)
     : Decoder(data, size, alpha) {
-    CheckOptions(options);
+    TakeOptions(options);
 }
 
 Decoder::Decoder(MMStream* source, unsigned char alpha, const DecodeOptions& options)
     : Decoder(source, alpha) {
-    CheckOptions(options);
+    TakeOptions(options);
 }
 
 // Construction stops before the image data, and no pixel or row memory has been taken yet.
-void Decoder::CheckOptions(const DecodeOptions& options) const {
-    const uint64_t outputBytes = uint64_t{width} * 4 * height;
+void Decoder::TakeOptions(const DecodeOptions& options) {
+    const uint32_t pixelBytes = BytesPerPixel(options.format);
+    const uint64_t outputBytes = uint64_t{width} * pixelBytes * height;
     if (options.maxOutputBytes && outputBytes > options.maxOutputBytes) Fail(kErrOutputOverLimit);
+    if (options.destination && options.stride < uint64_t{width} * pixelBytes)
+        Fail(kErrOutputAllocate);
+    outputFormat = options.format;
+    destination = options.destination;
+    destinationStride = options.stride;
 }
 
 void Decoder::ConstructFromMemory(const unsigned char* data, uint32_t size) {
@@ -464,7 +470,7 @@ unsigned char* Decoder::DecodeImage() {
         return true;
     });
     if (decoded) return output;
-    kau::mem::Delete(output);
+    if (output != destination) kau::mem::Delete(output);
     return nullptr;
 }
 

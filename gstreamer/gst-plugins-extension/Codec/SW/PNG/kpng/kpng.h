@@ -138,11 +138,33 @@ const char* DescribeFailure(const char* file, int position);
 // no decoder runs.
 void UseVectorRowPaths(bool enabled);
 
+// The pixel layouts the decoder writes, 8 bits per value, named by their bytes in memory order;
+// x is an unused byte, written 255. Alpha is dropped where the layout has none. kRgb16 is one
+// native-endian 16-bit word per pixel: the top 5 bits of red, 6 of green and 5 of blue, from
+// the most significant bit down. kGray8 is the luma of R, G, B with the BT.601 weights in
+// 16-bit fixed point, rounded, (19595 R + 38470 G + 7471 B + 32768) >> 16, which keeps a grey
+// value as it is.
+enum class OutputFormat : uint8_t {
+    kRgba, kBgra, kArgb, kAbgr, kRgbx, kBgrx, kXrgb, kXbgr, kRgb, kBgr, kRgb16, kGray8
+};
+
+inline constexpr uint32_t BytesPerPixel(OutputFormat format) {
+    return format < OutputFormat::kRgb ? 4 : format < OutputFormat::kRgb16 ? 3
+                                           : format == OutputFormat::kRgb16 ? 2 : 1;
+}
+
 // What a caller asks of one decode beyond the defaults; a default record changes nothing.
 struct DecodeOptions {
-    // Bytes of output pixels (width x 4 x height) above which a PNG is refused once its header
-    // has been read, before any pixel memory is taken; 0: no limit.
+    // Bytes of output pixels (width x bytes per pixel x height) above which a PNG is refused
+    // once its header has been read, before any pixel memory is taken; 0: no limit.
     uint64_t maxOutputBytes = 0;
+    OutputFormat format = OutputFormat::kRgba;
+    // Where the rows go, `stride` bytes apart (at least width x bytes per pixel), instead of
+    // memory the decoder takes: DecodeImage then returns `destination`, which stays the
+    // caller's. It must hold (height - 1) x stride + width x bytes per pixel bytes. On failure
+    // its rows may be partly written.
+    unsigned char* destination = nullptr;
+    uint32_t stride = 0;
 };
 
 struct RowRoutines;
@@ -166,7 +188,8 @@ class Decoder : public kiu::Decoder {
     Decoder(const Decoder&) = delete;
     Decoder& operator=(const Decoder&) = delete;
 
-    // Width x height pixels of 4 bytes, rows without padding; null after a printed report.
+    // Width x height pixels of 4 bytes (or of the options' format), rows without padding (or
+    // the options' destination and stride); null after a printed report.
     unsigned char* DecodeImage() override;
     unsigned long OutputWidth() const override { return width; }
     unsigned long OutputHeight() const override { return height; }
@@ -215,7 +238,7 @@ class Decoder : public kiu::Decoder {
     void ReadAndCheckbKGD(uint32_t length);
     void ReadAndCheckUnknown(uint32_t length);
     void CheckValidInputStreamTail();
-    void CheckOptions(const DecodeOptions& options) const;
+    void TakeOptions(const DecodeOptions& options);
 
     // Image data and rows.
     int InflateZstreamFromIDAT();
@@ -227,7 +250,8 @@ class Decoder : public kiu::Decoder {
     void DecodeInterlacedRows(unsigned char*& output);
     void PrepareRows();
     void ReadRow(bool firstRow);
-    void ReadRowInterlaced(unsigned char* outputRow, int pass, bool firstRow);
+    unsigned char* TakeOutputRows(uint32_t size, int failure);
+    void PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes);
 
     int32_t alphaDepth = 0;
     unsigned char* readBuffer = nullptr;
@@ -282,6 +306,10 @@ class Decoder : public kiu::Decoder {
     uint32_t pixelTable[256] = {};
     // The image's unfilter and expansion routines, chosen once before the first row.
     RowRoutines* rowRoutines = nullptr;
+    // The output: its format, and the caller's rows (null: memory of the decoder's own).
+    OutputFormat outputFormat = OutputFormat::kRgba;
+    unsigned char* destination = nullptr;
+    uint32_t destinationStride = 0;
 };
 
 // Collects a PNG that arrives in pieces into a page-array stream, walking its chunk structure to

@@ -48,6 +48,8 @@ struct RowRoutines {
     // Null where the unfiltered row is already the output (8-bit RGBA).
     ExpandRoutine expand;
     PixelKeys keys;
+    // Writes the expanded row in the output format; null where it is already in that format.
+    void (*write)(const unsigned char* in, unsigned char* out, uint32_t n);
 };
 
 RowRoutines ChooseRowRoutines(const RowFormat& format, const PixelKeys& keys);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "formatRoutines.h"
 #include "kauCpu.h"
 #include "kpng.h"
 #include "rowRoutines.h"
@@ -45,12 +46,17 @@ void UseVectorRowPaths(bool enabled) {
 // The pixels of palette indices and of grey samples up to 8 bits, and the image's routines.
 // Palette entries beyond the PLTE count are black; a grey sample is transparent when it equals
 // the key scaled the same way, kept to 16 bits, so that a key beyond the depth's range never
-// matches.
+// matches. Palette pixels of a 4-byte output format are held in that format, so that they need
+// no writing afterwards.
 void Decoder::PrepareRows() {
+    const bool paletteInOutputFormat = colourType == 3 && BytesPerPixel(outputFormat) == 4;
     if (colourType == 3) {
         for (unsigned i = 0; i < 256; ++i) {
             uint8_t alpha = int(i) < trnsCount ? paletteAlpha[i] : defaultAlpha;
-            pixelTable[i] = Pixel(palette[3 * i], palette[3 * i + 1], palette[3 * i + 2], alpha);
+            const unsigned char rgba[4] = {palette[3 * i], palette[3 * i + 1], palette[3 * i + 2],
+                                           alpha};
+            pixelTable[i] = FormatPixel(paletteInOutputFormat ? outputFormat : OutputFormat::kRgba,
+                                        rgba);
         }
     } else if (colourType == 0 && bitDepth <= 8) {
         const unsigned scale = 255 / ((1u << bitDepth) - 1);
@@ -66,6 +72,7 @@ void Decoder::PrepareRows() {
     const PixelKeys keys = {pixelTable, keyGrey, {keyColour[0], keyColour[1], keyColour[2]}};
     rowRoutines =
         new (heap.Allocate(sizeof(RowRoutines))) RowRoutines(ChooseRowRoutines(format, keys));
+    rowRoutines->write = paletteInOutputFormat ? nullptr : ChooseFormatRoutine(outputFormat);
 }
 
 void Decoder::SetRowGeometry(uint32_t pixels) {
@@ -93,40 +100,64 @@ uint64_t Decoder::ImageDataSize() {
     return size;
 }
 
+// Where the output rows go: the caller's rows, or memory of the decoder's own of `size` bytes.
+unsigned char* Decoder::TakeOutputRows(uint32_t size, int failure) {
+    if (destination) return destination;
+    unsigned char* output = static_cast<unsigned char*>(kau::mem::New(size));
+    if (!output) Fail(failure);
+    return output;
+}
+
 // No buffer is cleared beforehand: every byte is written before it is read, and the first row
 // of an image or pass takes the routines that do not read the prior row. So memory is touched
-// only as rows arrive.
+// only as rows arrive. Rows of 4-byte pixels are inflated and expanded where they end up,
+// unless a caller's row is too short for the filtered row; other rows pass through a row of
+// the decoder's.
 void Decoder::DecodeRows(unsigned char*& output) {
     SetRowGeometry(width);
-    const uint32_t stride = width * 4;
+    const uint32_t pixelBytes = BytesPerPixel(outputFormat);
+    const uint32_t stride = destination ? destinationStride : width * pixelBytes;
+    const uint32_t expandedBytes = width * 4;
     uint32_t size;
     if (!Multiply32(height, stride, size)) Fail(kErrOutputAllocate);
+    const bool inPlace = pixelBytes == 4 && (!destination || bytesPerRow <= expandedBytes);
     // 16-bit RGB and RGBA rows are longer filtered than expanded: the last one needs room.
-    if (bytesPerRow > stride) {
+    if (inPlace && bytesPerRow > stride) {
         if (bytesPerRow - stride > UINT32_MAX - size) Fail(kErrOutputAllocate);
         size += bytesPerRow - stride;
     }
-    output = static_cast<unsigned char*>(kau::mem::New(size));
-    if (!output) Fail(kErrOutputAllocate);
+    output = TakeOutputRows(size, kErrOutputAllocate);
     previousRow = static_cast<unsigned char*>(heap.Allocate(bytesPerRow));
+    if (!inPlace)
+        currentRow = static_cast<unsigned char*>(
+            heap.Allocate(bytesPerRow > expandedBytes ? bytesPerRow : expandedBytes));
+    const auto write = rowRoutines->write;
     for (uint32_t y = 0; y < height; ++y) {
-        currentRow = output + size_t{y} * stride;
+        unsigned char* outputRow = output + size_t{y} * stride;
+        if (inPlace) currentRow = outputRow;
         ReadRow(y == 0);
+        if (write)
+            write(currentRow, outputRow, width);
+        else if (!inPlace)
+            kau::mem::Copy8(outputRow, currentRow, expandedBytes);
     }
 }
 
+// Each pass row is expanded and written in the output format in the decoder's row, then its
+// pixels are placed in the output rows.
 void Decoder::DecodeInterlacedRows(unsigned char*& output) {
-    const uint32_t stride = width * 4;
+    const uint32_t pixelBytes = BytesPerPixel(outputFormat);
+    const uint32_t stride = destination ? destinationStride : width * pixelBytes;
     uint32_t size;
     if (!Multiply32(height, stride, size)) Fail(kErrInterlacedOutputAllocate);
-    output = static_cast<unsigned char*>(kau::mem::New(size));
-    if (!output) Fail(kErrInterlacedOutputAllocate);
+    output = TakeOutputRows(size, kErrInterlacedOutputAllocate);
     const uint32_t roundedWidth = kau::RoundUp(width, 8);
     const uint32_t priorBytes =
         bitsPerPixel >= 8 ? bitsPerPixel / 8 * roundedWidth : bitsPerPixel * roundedWidth / 8;
     previousRow = static_cast<unsigned char*>(heap.Allocate(priorBytes));
     const uint32_t rowBytes = (bitsPerPixel > 32 ? bitsPerPixel : 32) / 8 * roundedWidth;
     currentRow = static_cast<unsigned char*>(heap.Allocate(rowBytes));
+    const auto write = rowRoutines->write;
     for (int p = 0; p < 7; ++p) {
         const Pass& pass = kPasses[p];
         SetRowGeometry((width - 1 + pass.columnIncrement - pass.firstColumn) /
@@ -134,23 +165,21 @@ void Decoder::DecodeInterlacedRows(unsigned char*& output) {
         if (width < pass.minimumWidth) continue;
         for (uint32_t y = pass.firstRow; y < height; y += pass.rowIncrement) {
             unsigned char* outputRow = output + size_t{y} * stride;
-            const bool firstRow = y == pass.firstRow;
-            if (p == 6) {
-                ReadRow(firstRow);
-                kau::mem::Copy8(outputRow, currentRow, stride);
-            } else {
-                ReadRowInterlaced(outputRow, p, firstRow);
-            }
+            ReadRow(y == pass.firstRow);
+            if (write) write(currentRow, currentRow, pixelsPerRow);
+            if (p == 6)
+                kau::mem::Copy8(outputRow, currentRow, width * pixelBytes);
+            else
+                PlacePassPixels(outputRow, p, pixelBytes);
         }
     }
 }
 
-void Decoder::ReadRowInterlaced(unsigned char* outputRow, int pass, bool firstRow) {
-    ReadRow(firstRow);
+void Decoder::PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes) {
     const uint32_t increment = kPasses[pass].columnIncrement;
     const unsigned char* source = currentRow;
-    for (uint32_t x = kPasses[pass].firstColumn; x < width; x += increment, source += 4)
-        memcpy(outputRow + size_t{x} * 4, source, 4);
+    for (uint32_t x = kPasses[pass].firstColumn; x < width; x += increment, source += pixelBytes)
+        memcpy(outputRow + size_t{x} * pixelBytes, source, pixelBytes);
 }
 
 // Unfilters the row in place, leaving a copy in previousRow, and expands that copy into the
