@@ -8,9 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -79,21 +76,6 @@ Decoded DecodeBothWays(const Bytes& png, bool fromStream = false) {
     Decoded decoded = Decode(png, fromStream);
     EXPECT_TRUE(decoded.rgba == portable.rgba) << "the vector and portable row loops differ";
     return decoded;
-}
-
-// The names (without ".png") of the PNG files in a folder of the test data, sorted, and the
-// bytes of one of them.
-std::vector<std::string> DataFiles(const std::string& folder) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(KALPNG_TESTDATA "/" + folder))
-        if (entry.path().extension() == ".png") names.push_back(entry.path().stem().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-Bytes ReadDataFile(const std::string& folder, const std::string& name) {
-    std::ifstream file(KALPNG_TESTDATA "/" + folder + "/" + name + ".png", std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 class PngSuite : public testing::TestWithParam<std::string> {};

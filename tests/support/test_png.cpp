@@ -4,10 +4,14 @@
 #include <png.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 
@@ -149,6 +153,35 @@ Bytes EncodePng(const RawImage& image, const PngOptions& options) {
     for (size_t at = 0; at < data.size(); at += options.idatSize)
         png.Idat(Slice(data, at, std::min(data.size(), at + options.idatSize)));
     return png.Iend().bytes();
+}
+
+std::vector<std::string> DataFiles(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(KALPNG_TESTDATA "/" + folder))
+        if (entry.path().extension() == ".png") names.push_back(entry.path().stem().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+Bytes ReadDataFile(const std::string& folder, const std::string& name) {
+    return ReadDataFile(folder + "/" + name);
+}
+
+Bytes ReadDataFile(const std::string& folderAndName) {
+    std::ifstream file(KALPNG_TESTDATA "/" + folderAndName + ".png", std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+std::vector<std::string> ConformanceAndBenchFiles(uint64_t maxBenchPixels) {
+    std::vector<std::string> files;
+    for (const std::string& name : DataFiles("pngsuite"))
+        if (name[0] != 'x') files.push_back("pngsuite/" + name);
+    for (const std::string& name : DataFiles("bench")) {
+        const Bytes png = ReadDataFile("bench", name);
+        const uint64_t pixels = uint64_t{png_get_uint_32(&png[16])} * png_get_uint_32(&png[20]);
+        if (pixels <= maxBenchPixels) files.push_back("bench/" + name);
+    }
+    return files;
 }
 
 std::string Report(const std::string& file, int position) {

@@ -90,6 +90,15 @@ Bytes EncodePng(const RawImage& image, const PngOptions& options = {});
 inline const std::string kModules =
     "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/";
 
+// The names (without ".png") of the PNG files in a folder of the test data, sorted, and the
+// bytes of one of them.
+std::vector<std::string> DataFiles(const std::string& folder);
+Bytes ReadDataFile(const std::string& folder, const std::string& name);
+// The valid PngSuite files and the benchmark images of at most `maxBenchPixels`, as
+// folder/name: a bound that keeps a table of formats quick.
+std::vector<std::string> ConformanceAndBenchFiles(uint64_t maxBenchPixels);
+Bytes ReadDataFile(const std::string& folderAndName);
+
 // The report a catch site prints for an error raised at `file` +`position`.
 std::string Report(const std::string& file, int position);
 
