@@ -162,26 +162,7 @@ RowRoutines PortableRowRoutines(const RowFormat& format) {
     RowRoutines r{};
     r.unfilter[kFilterNone] = UnfilterNone;
     r.unfilter[kFilterUp] = UnfilterUp;
-    switch (format.bytesPerPixel) {
-        case 1:
-            SetPixelFilters<1>(r);
-            break;
-        case 2:
-            SetPixelFilters<2>(r);
-            break;
-        case 3:
-            SetPixelFilters<3>(r);
-            break;
-        case 4:
-            SetPixelFilters<4>(r);
-            break;
-        case 6:
-            SetPixelFilters<6>(r);
-            break;
-        default:
-            SetPixelFilters<8>(r);
-            break;
-    }
+    ForBytesPerPixel(format.bytesPerPixel, [&](auto bpp) { SetPixelFilters<bpp>(r); });
     r.expand = PortableExpansion(format);
     return r;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 namespace kpng {
 
@@ -57,6 +58,26 @@ RowRoutines ChooseRowRoutines(const RowFormat& format, const PixelKeys& keys);
 // The vector sets, each replacing the entries of the portable set it has a routine for.
 void UseSseRowRoutines(RowRoutines& routines, const RowFormat& format, bool ssse3);
 void UseNeonRowRoutines(RowRoutines& routines, const RowFormat& format);
+
+// Calls `set` with the image's bytes per pixel as a compile-time constant (std::integral_constant),
+// so that each set instantiates its per-pixel filters once per pixel size PNG has.
+template <typename Set>
+void ForBytesPerPixel(int bytesPerPixel, Set&& set) {
+    switch (bytesPerPixel) {
+        case 1:
+            return set(std::integral_constant<int, 1>{});
+        case 2:
+            return set(std::integral_constant<int, 2>{});
+        case 3:
+            return set(std::integral_constant<int, 3>{});
+        case 4:
+            return set(std::integral_constant<int, 4>{});
+        case 6:
+            return set(std::integral_constant<int, 6>{});
+        default:
+            return set(std::integral_constant<int, 8>{});
+    }
+}
 
 // ---- Portable filters, shared with the vector sets for the ends of their rows ----
 

@@ -262,22 +262,10 @@ KPNG_NEON void ExpandGreyAlpha8Neon(const unsigned char* __restrict in,
 
 void UseNeonRowRoutines(RowRoutines& r, const RowFormat& format) {
     r.unfilter[kFilterUp] = UnfilterUpNeon;
-    switch (format.bytesPerPixel) {
-        case 3:
-            SetPixelFilters<3>(r);
-            break;
-        case 4:
-            SetPixelFilters<4>(r);
-            break;
-        case 6:
-            SetPixelFilters<6>(r);
-            break;
-        case 8:
-            SetPixelFilters<8>(r);
-            break;
-        default:
-            break;
-    }
+    // Pixels of one or two bytes depend on their left neighbour byte by byte: no lanes to fill.
+    ForBytesPerPixel(format.bytesPerPixel, [&](auto bpp) {
+        if constexpr (bpp >= 3) SetPixelFilters<bpp>(r);
+    });
     if (format.keyed || format.bitDepth != 8) return;
     if (format.colourType == 2)
         r.expand = ExpandRgb8Neon;
