@@ -34,6 +34,11 @@ constexpr gint kMaxAspect = 16;
 
 enum { PROP_0, PROP_MAX_ERRORS, PROP_QOS, PROP_MAX_FRAME_BYTES };
 
+// Property defaults: the first failure ends the stream, late frames are skipped, no size limit.
+constexpr gint kDefaultMaxErrors = 0;
+constexpr gboolean kDefaultQos = TRUE;
+constexpr guint64 kDefaultMaxFrameBytes = 0;
+
 // Palette colours without a transparency entry come out opaque.
 constexpr unsigned long kDefaultAlpha = 255;
 
@@ -128,16 +133,16 @@ static void gst_kalpng_dec_class_init(gpointer klass, gpointer) {
         g_param_spec_int("max-errors", "Maximum errors",
                          "Failed PNGs in a row that are skipped with a warning before one ends "
                          "the stream (0: the first does; -1: none does)",
-                         -1, G_MAXINT, 0, flags));
+                         -1, G_MAXINT, kDefaultMaxErrors, flags));
     g_object_class_install_property(
         object_class, PROP_QOS,
         g_param_spec_boolean("qos", "QoS", "Skip decoding frames that downstream reports late",
-                             TRUE, flags));
+                             kDefaultQos, flags));
     g_object_class_install_property(
         object_class, PROP_MAX_FRAME_BYTES,
         g_param_spec_uint64("max-frame-bytes", "Maximum frame bytes",
                             "Largest decoded frame, and largest PNG, in bytes (0: no limit)", 0,
-                            G_MAXUINT64, 0, flags));
+                            G_MAXUINT64, kDefaultMaxFrameBytes, flags));
     GST_ELEMENT_CLASS(klass)->change_state = GST_DEBUG_FUNCPTR(gst_kalpng_dec_change_state);
 
     if (!kalpng_dec_debug) {
@@ -159,7 +164,9 @@ static void gst_kalpng_dec_init(GTypeInstance* instance, gpointer) {
     gst_element_add_pad(GST_ELEMENT(dec), dec->srcpad);
 
     dec->segment = gst_segment_new();
-    dec->qos = TRUE;
+    dec->max_errors = kDefaultMaxErrors;
+    dec->qos = kDefaultQos;
+    dec->max_frame_bytes = kDefaultMaxFrameBytes;
 }
 
 static void gst_kalpng_dec_set_property(GObject* object, guint id, const GValue* value,
