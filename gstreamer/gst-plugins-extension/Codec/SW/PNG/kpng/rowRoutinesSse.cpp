@@ -140,22 +140,12 @@ __attribute__((target("ssse3"))) void ExpandRgb8Ssse3(const unsigned char* __res
 }  // namespace
 
 void UseSseRowRoutines(RowRoutines& r, const RowFormat& format, bool ssse3) {
-    switch (format.bytesPerPixel) {
-        case 3:
-            r.unfilter[kFilterPaeth] = UnfilterPaethSse2<3>;
-            break;
-        case 4:
-            r.unfilter[kFilterPaeth] = UnfilterPaethSse2<4>;
-            break;
-        case 6:
-            r.unfilter[kFilterPaeth] = UnfilterPaethLanes<6>;
-            break;
-        case 8:
-            r.unfilter[kFilterPaeth] = UnfilterPaethLanes<8>;
-            break;
-        default:
-            break;
-    }
+    ForBytesPerPixel(format.bytesPerPixel, [&](auto bpp) {
+        if constexpr (bpp == 3 || bpp == 4)
+            r.unfilter[kFilterPaeth] = UnfilterPaethSse2<bpp>;
+        else if constexpr (bpp >= 6)
+            r.unfilter[kFilterPaeth] = UnfilterPaethLanes<bpp>;
+    });
     if (ssse3 && format.colourType == 2 && format.bitDepth == 8 && !format.keyed)
         r.expand = ExpandRgb8Ssse3;
 }
