@@ -127,8 +127,11 @@ void UnfilterAverageFirst(unsigned char* __restrict row, unsigned char* __restri
 }
 
 // Written without branches: the choice depends on the data and would defeat branch prediction.
+// The distances are compared squared, which keeps their order and ties: a multiplication each,
+// where an absolute value costs a compare and a negate on cores without a vector unit.
 inline uint8_t PaethPredictor(int a, int b, int c) {
-    const int pa = abs(b - c), pb = abs(a - c), pc = abs(a + b - 2 * c);
+    const int toA = b - c, toB = a - c, toC = toA + toB;
+    const int pa = toA * toA, pb = toB * toB, pc = toC * toC;
     const int nearerOfBAndC = pb <= pc ? b : c;
     return uint8_t(((pa <= pb) & (pa <= pc)) ? a : nearerOfBAndC);
 }
@@ -137,12 +140,13 @@ inline uint8_t PaethPredictor(int a, int b, int c) {
 template <int Bpp>
 void UnfilterPaethFrom(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t i,
                        uint32_t n, uint8_t* left, uint8_t* upperLeft) {
-    for (; i < n; i += Bpp) {
+    const unsigned char* const end = row + n;
+    for (row += i, prior += i; row < end; row += Bpp, prior += Bpp) {
         for (int k = 0; k < Bpp; ++k) {
-            uint8_t upper = prior[i + k];
-            left[k] = uint8_t(row[i + k] + PaethPredictor(left[k], upper, upperLeft[k]));
+            uint8_t upper = prior[k];
+            left[k] = uint8_t(row[k] + PaethPredictor(left[k], upper, upperLeft[k]));
             upperLeft[k] = upper;
-            prior[i + k] = row[i + k] = left[k];
+            prior[k] = row[k] = left[k];
         }
     }
 }
