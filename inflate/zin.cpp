@@ -19,6 +19,15 @@ inline uint64_t Load64(const unsigned char* p) {
     return v;
 }
 
+inline uint32_t Load32(const unsigned char* p) {
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    v = __builtin_bswap32(v);
+#endif
+    return v;
+}
+
 inline void Store64(unsigned char* p, uint64_t v) {
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
     v = __builtin_bswap64(v);
@@ -95,11 +104,11 @@ constexpr uint8_t kCodeLengthOrder[19] = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
                                           11, 4,  12, 3, 13, 2, 14, 1, 15};
 
 constexpr uint32_t kMaxCodeBits = 15;
-// What one pass of the fast loop may need: three refills of up to 7 bytes read 8 at a time, and
-// up to six literals (five from the root table, one from a subtable).
+// What one pass of the fast loop may need: three refills of up to 7 bytes read 8 at a time
+// (or four of 3 bytes read 4 at a time), and up to six literals (five from the root table, one
+// from a subtable).
 constexpr uint32_t kFastInput = 22;
 constexpr uint32_t kFastOutput = 6;
-constexpr uint32_t kFastLiterals = 5;
 constexpr uint32_t kLengthRoot = 9;
 constexpr uint32_t kDistanceRoot = 6;
 constexpr uint32_t kCodeLengthRoot = 7;
@@ -303,18 +312,6 @@ inline void CopyMatchExact(unsigned char* out, uint32_t dist, uint32_t len) {
         out[i] = src[i];
 }
 
-// The bit buffer shifted down by 1 to 31 bits, as every code with its extra bits is. A 32-bit
-// core shifts the two halves itself in half the steps of a 64-bit shift by any amount.
-inline uint64_t ShortShift(uint64_t hold, uint32_t n) {
-#if UINTPTR_MAX == 0xffffffffu
-    if (n == 0 || n > 31) __builtin_unreachable();
-    const uint32_t low = static_cast<uint32_t>(hold), high = static_cast<uint32_t>(hold >> 32);
-    return (uint64_t{high >> n} << 32) | ((low >> n) | (high << (32 - n)));
-#else
-    return hold >> n;
-#endif
-}
-
 // Non-overlapping copy in 16-byte chunks (may write up to 15 bytes past the end).
 inline void CopyChunks(unsigned char* out, const unsigned char* src, uint32_t len) {
     unsigned char* const end = out + len;
@@ -397,6 +394,199 @@ inline uint32_t ByteSwap32(uint32_t v) {
     return __builtin_bswap32(v);
 }
 
+// ---------------------------------------------------------------------------------------------
+// The fast loop, for the bulk of a block. Its bit buffer is one machine word: a 32-bit core
+// refills a 32-bit word more often, but shifts it in one step where a 64-bit buffer takes a
+// pair of registers and several steps per shift, and keeps the loop's state in registers.
+
+#if UINTPTR_MAX == 0xffffffffu
+using FastWord = uint32_t;
+#else
+using FastWord = uint64_t;
+#endif
+
+template <typename Word>
+struct FastBits {
+    // A refill loads a whole word and takes the bytes that fit: at least this many bits held.
+    static constexpr uint32_t kRefilled = 8 * sizeof(Word) - 8;
+    // A 64-bit word holds a length, its distance and both their extra bits (48 at most) after
+    // one refill; a 32-bit word is refilled before the distance and again before its extra bits.
+    static constexpr bool kWholeMatch = kRefilled >= 48;
+    // A 64-bit word keeps a whole root entry held after its literals, so that the next entry is
+    // looked up while the refill runs; a 32-bit word looks it up after each refill instead.
+    static constexpr bool kLookAhead = kWholeMatch;
+    // Literals from the root table decoded per refill: five in a 64-bit word, two in a 32-bit one.
+    static constexpr uint32_t kLiterals =
+        (kRefilled - (kLookAhead ? kLengthRoot : 0)) / kLengthRoot;
+};
+
+template <typename Word>
+void FastLoop(Stream& s, unsigned long start) {
+    using Bits = FastBits<Word>;
+    static_assert(Bits::kLiterals + 1 <= kFastOutput, "a pass writes at most kFastOutput bytes");
+    // The states leave fewer bits than a word holds between symbols; should they hold more,
+    // they go on alone.
+    if (s.bitCount >= 8 * sizeof(Word)) return;
+    // Only what every symbol needs is held in locals; the rest is read from the structure on
+    // the rarer paths, which keeps the loop's state in registers.
+    const unsigned char* in = s.nextIn;
+    const unsigned char* const inFirst = in;
+    const unsigned char* const inEnd = in + s.availIn;
+    unsigned char* out = s.nextOut;
+    unsigned char* const outEnd = out + s.availOut;
+    // Earliest output still in memory: this call's, and the history before it when the output
+    // keeps it. Distances reaching further back are served by the window.
+    const uint32_t inMemory =
+        static_cast<uint32_t>(start) - s.availOut + (s.historyInOutput ? s.windowFill : 0);
+    unsigned char* const outBegin = out - inMemory;
+    const uint32_t windowHeld = s.historyInOutput ? 0 : s.windowFill;
+    Word hold = static_cast<Word>(s.bitBuffer);
+    uint32_t bits = s.bitCount;
+    const uint32_t* const lcodes = s.lengthCodes;
+    const uint32_t* const dcodes = s.distanceCodes;
+    const uint32_t lengthBits = s.lengthBits, distanceBits = s.distanceBits;
+    const Word lmask = static_cast<Word>(LowMask(lengthBits));
+    const Word dmask = static_cast<Word>(LowMask(distanceBits));
+
+    // A refill loads a word and takes the whole bytes that fit beside the bits held (up to 7
+    // bytes of a 64-bit word, 3 of a 32-bit one): a pass reads at most kFastInput bytes from
+    // where it starts. It writes at most kLiterals + 1 literals or one match that it checks
+    // against the room left.
+    auto refill = [&]() {
+        if constexpr (sizeof(Word) == 8) {
+            hold |= Load64(in) << bits;
+        } else {
+            hold |= Load32(in) << bits;
+        }
+        in += (8 * sizeof(Word) - 1 - bits) >> 3;
+        bits |= Bits::kRefilled;
+    };
+    auto consume = [&](uint32_t n) {
+        hold >>= n;
+        bits -= n;
+    };
+    auto isLiteral = [](uint32_t e) { return static_cast<int32_t>(e) < 0; };
+    // The value of a length or distance entry whose code is already consumed.
+    auto takeExtra = [&](uint32_t e) {
+        const uint32_t value = Value(e) + static_cast<uint32_t>(hold & LowMask(ExtraBits(e)));
+        consume(ExtraBits(e));
+        return value;
+    };
+    const bool enough = s.availIn >= kFastInput && s.availOut >= kFastOutput;
+    const unsigned char* const inLast = enough ? inEnd - kFastInput : in;
+    unsigned char* const outLast = enough ? outEnd - kFastOutput : out;
+
+    const bool fast = enough && in <= inLast && out <= outLast;
+    if (fast) refill();
+    uint32_t e = fast ? lcodes[hold & lmask] : 0;
+    while (fast && in <= inLast && out <= outLast) {
+        refill();
+        if constexpr (!Bits::kLookAhead) e = lcodes[hold & lmask];
+        uint32_t literals = 0;
+        for (; literals < Bits::kLiterals && isLiteral(e); ++literals) {
+            consume(CodeBits(e));
+            *out++ = static_cast<unsigned char>(Value(e));
+            e = lcodes[hold & lmask];
+        }
+        if (literals == Bits::kLiterals) continue;
+        if (bits < (Bits::kWholeMatch ? 48 : Bits::kRefilled)) refill();
+        if (e & kSubtable) {
+            // Codes longer than the root: literals among them are written right away.
+            e = lcodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
+            if (isLiteral(e)) {
+                consume(CodeBits(e));
+                *out++ = static_cast<unsigned char>(Value(e));
+                e = lcodes[hold & lmask];
+                continue;
+            }
+        }
+        if (e & (kEndOfBlock | kInvalid)) {
+            if (e & kEndOfBlock) {
+                consume(CodeBits(e));
+                s.mode = kModeBlock;
+            } else {
+                s.mode = kModeError;
+            }
+            break;
+        }
+        const unsigned char* const symbolIn = in;
+        const Word symbolHold = hold;
+        const uint32_t symbolBits = bits;
+        consume(CodeBits(e));
+        const uint32_t len = takeExtra(e);
+        if constexpr (!Bits::kWholeMatch) refill();
+        uint32_t d = dcodes[hold & dmask];
+        if (d & (kSubtable | kInvalid)) {
+            if (d & kSubtable)
+                d = dcodes[Value(d) + ((hold >> distanceBits) & LowMask(ExtraBits(d)))];
+            if (d & kInvalid) {
+                s.mode = kModeError;
+                break;
+            }
+        }
+        consume(CodeBits(d));
+        if constexpr (!Bits::kWholeMatch) refill();
+        const uint32_t dist = takeExtra(d);
+
+        const uint32_t room = static_cast<uint32_t>(outEnd - out);
+        if (len > room) {
+            // The match does not fit: leave it to the state machine, which copies it in parts.
+            in = symbolIn;
+            hold = symbolHold;
+            bits = symbolBits;
+            break;
+        }
+        const bool wide = len + 16 <= room;
+        const uint32_t held = static_cast<uint32_t>(out - outBegin);
+        // The part of the match before the output in memory comes from the window, which is
+        // contiguous for a whole match thanks to its mirrored start.
+        uint32_t fromWindow = 0;
+        if (dist > held) {
+            const uint32_t back = dist - held;
+            if (back > windowHeld) {
+                s.mode = kModeError;
+                break;
+            }
+            const uint32_t wpos = s.windowPos;
+            const unsigned char* src =
+                s.window + (back <= wpos ? wpos - back : wpos + kWindowSize - back);
+            fromWindow = back < len ? back : len;
+            if (wide) {
+                CopyChunks(out, src, fromWindow);
+            } else {
+                std::memcpy(out, src, fromWindow);
+            }
+        }
+        if (fromWindow < len) {
+            if (wide) {
+                CopyMatchWide(out + fromWindow, dist, len - fromWindow);
+            } else {
+                CopyMatchExact(out + fromWindow, dist, len - fromWindow);
+            }
+        }
+        out += len;
+        if constexpr (Bits::kLookAhead) {
+            if (bits < kLengthRoot) refill();
+            e = lcodes[hold & lmask];
+        }
+    }
+
+    // Hand whole unused bytes back to the input, as far as they were read here.
+    uint32_t giveBack = bits >> 3;
+    const uint32_t readHere = static_cast<uint32_t>(in - inFirst);
+    if (giveBack > readHere) giveBack = readHere;
+    in -= giveBack;
+    bits -= giveBack * 8;
+    hold &= static_cast<Word>(LowMask(bits));
+
+    s.nextIn = in;
+    s.availIn = static_cast<uint32_t>(inEnd - in);
+    s.nextOut = out;
+    s.availOut = static_cast<uint32_t>(outEnd - out);
+    s.bitBuffer = hold;
+    s.bitCount = bits;
+}
+
 }  // namespace
 
 void Stream::Reset() {
@@ -423,153 +613,7 @@ void Stream::UseFixedTables() {
 }
 
 void Stream::InflateFast(unsigned long start) {
-    // Only what every symbol needs is held in locals; the rest is read from the structure on
-    // the rarer paths, which keeps the loop's state in registers.
-    const unsigned char* in = nextIn;
-    const unsigned char* const inFirst = in;
-    const unsigned char* const inEnd = in + availIn;
-    unsigned char* out = nextOut;
-    unsigned char* const outEnd = out + availOut;
-    // Earliest output still in memory: this call's, and the history before it when the output
-    // keeps it. Distances reaching further back are served by the window.
-    const uint32_t inMemory =
-        static_cast<uint32_t>(start) - availOut + (historyInOutput ? windowFill : 0);
-    unsigned char* const outBegin = out - inMemory;
-    const uint32_t windowHeld = historyInOutput ? 0 : windowFill;
-    uint64_t hold = bitBuffer;
-    uint32_t bits = bitCount;
-    const uint32_t* const lcodes = lengthCodes;
-    const uint32_t* const dcodes = distanceCodes;
-    const uint64_t lmask = LowMask(lengthBits);
-    const uint64_t dmask = LowMask(distanceBits);
-
-    // One refill leaves at least 56 bits: enough for five literals found in the root table (9
-    // bits at most each) with a whole root entry after them, or for a length, its distance and
-    // their extra bits (48 at most) once a second refill has topped the buffer up. The next root
-    // entry is looked up before the refill that precedes its use, so that the two overlap; a
-    // third refill after a match keeps at least 9 bits for that lookup. Bytes are loaded 8 at a
-    // time and up to 7 bytes are taken per refill, hence the 22 bytes of input demanded per
-    // pass. A pass writes at most 6 literals or one match that it checks against the room left.
-    auto refill = [&]() {
-        hold |= Load64(in) << bits;
-        in += (63 - bits) >> 3;
-        bits |= 56;
-    };
-    auto consume = [&](uint32_t n) {
-        hold = ShortShift(hold, n);
-        bits -= n;
-    };
-    auto isLiteral = [](uint32_t e) { return static_cast<int32_t>(e) < 0; };
-    auto extraValue = [&](uint32_t e) {
-        return Value(e) +
-               static_cast<uint32_t>(ShortShift(hold, CodeBits(e)) & LowMask(ExtraBits(e)));
-    };
-    const bool enough = availIn >= kFastInput && availOut >= kFastOutput;
-    const unsigned char* const inLast = enough ? inEnd - kFastInput : in;
-    unsigned char* const outLast = enough ? outEnd - kFastOutput : out;
-
-    const bool fast = enough && in <= inLast && out <= outLast;
-    if (fast) refill();
-    uint32_t e = fast ? lcodes[hold & lmask] : 0;
-    while (fast && in <= inLast && out <= outLast) {
-        refill();
-        uint32_t literals = 0;
-        for (; literals < kFastLiterals && isLiteral(e); ++literals) {
-            consume(CodeBits(e));
-            *out++ = static_cast<unsigned char>(Value(e));
-            e = lcodes[hold & lmask];
-        }
-        if (literals == kFastLiterals) continue;
-        if (bits < 48) refill();
-        if (e & kSubtable) {
-            // Codes longer than the root: literals among them are written right away.
-            e = lcodes[Value(e) + (ShortShift(hold, lengthBits) & LowMask(ExtraBits(e)))];
-            if (isLiteral(e)) {
-                consume(CodeBits(e));
-                *out++ = static_cast<unsigned char>(Value(e));
-                e = lcodes[hold & lmask];
-                continue;
-            }
-        }
-        if (e & (kEndOfBlock | kInvalid)) {
-            if (e & kEndOfBlock) {
-                consume(CodeBits(e));
-                mode = kModeBlock;
-            } else {
-                mode = kModeError;
-            }
-            break;
-        }
-        const uint64_t symbolHold = hold;
-        const uint32_t symbolBits = bits;
-        const uint32_t len = extraValue(e);
-        consume(CodeBits(e) + ExtraBits(e));
-        uint32_t d = dcodes[hold & dmask];
-        if (d & (kSubtable | kInvalid)) {
-            if (d & kSubtable)
-                d = dcodes[Value(d) + (ShortShift(hold, distanceBits) & LowMask(ExtraBits(d)))];
-            if (d & kInvalid) {
-                mode = kModeError;
-                break;
-            }
-        }
-        const uint32_t dist = extraValue(d);
-        consume(CodeBits(d) + ExtraBits(d));
-
-        const uint32_t room = static_cast<uint32_t>(outEnd - out);
-        if (len > room) {
-            // The match does not fit: leave it to the state machine, which copies it in parts.
-            hold = symbolHold;
-            bits = symbolBits;
-            break;
-        }
-        const bool wide = len + 16 <= room;
-        const uint32_t held = static_cast<uint32_t>(out - outBegin);
-        // The part of the match before the output in memory comes from the window, which is
-        // contiguous for a whole match thanks to its mirrored start.
-        uint32_t fromWindow = 0;
-        if (dist > held) {
-            const uint32_t back = dist - held;
-            if (back > windowHeld) {
-                mode = kModeError;
-                break;
-            }
-            const uint32_t wpos = windowPos;
-            const unsigned char* src =
-                window + (back <= wpos ? wpos - back : wpos + kWindowSize - back);
-            fromWindow = back < len ? back : len;
-            if (wide) {
-                CopyChunks(out, src, fromWindow);
-            } else {
-                std::memcpy(out, src, fromWindow);
-            }
-        }
-        if (fromWindow < len) {
-            if (wide) {
-                CopyMatchWide(out + fromWindow, dist, len - fromWindow);
-            } else {
-                CopyMatchExact(out + fromWindow, dist, len - fromWindow);
-            }
-        }
-        out += len;
-        if (bits < kLengthRoot) refill();
-        e = lcodes[hold & lmask];
-    }
-
-    // Hand whole unused bytes back to the input, as far as they were read here.
-    uint32_t giveBack = bits >> 3;
-    const uint32_t readHere = static_cast<uint32_t>(in - inFirst);
-    if (giveBack > readHere) giveBack = readHere;
-    in -= giveBack;
-    bits -= giveBack * 8;
-    hold &= LowMask(bits);
-
-    nextIn = in;
-    availIn = static_cast<uint32_t>(inEnd - in);
-    nextOut = out;
-    availOut = static_cast<uint32_t>(outEnd - out);
-    bitBuffer = hold;
-    bitCount = bits;
+    FastLoop<FastWord>(*this, start);
 }
 
 namespace {
