@@ -265,6 +265,26 @@ constexpr FixedTables kFixed = MakeFixedTables();
 // Match copies. The fast ones move 16-byte chunks and may write up to 15 bytes past the end
 // of the match; callers use them only with that much room left in the output.
 
+// How a pattern of `dist` < 16 bytes is built: `whole`, for dist < 8, is where the first 8
+// bytes of it, whole periods, go again; `step` is the largest multiple of the period that the
+// built part holds. A table, since a division per short match costs a call on 32-bit ARM.
+struct ShortPatterns {
+    uint8_t whole[16];
+    uint8_t step[16];
+};
+
+constexpr ShortPatterns MakeShortPatterns() {
+    ShortPatterns p{};
+    for (uint32_t dist = 1; dist < 16; ++dist) {
+        p.whole[dist] = static_cast<uint8_t>(dist < 8 ? 8 - 8 % dist : 0);
+        const uint32_t built = dist < 8 ? p.whole[dist] + 8u : 16u;
+        p.step[dist] = static_cast<uint8_t>(built - built % dist);
+    }
+    return p;
+}
+
+constexpr ShortPatterns kShortPatterns = MakeShortPatterns();
+
 // Copies `len` bytes from `dist` bytes back; the source may overlap the destination.
 inline void CopyMatchWide(unsigned char* out, uint32_t dist, uint32_t len) {
     unsigned char* const end = out + len;
@@ -278,23 +298,19 @@ inline void CopyMatchWide(unsigned char* out, uint32_t dist, uint32_t len) {
         return;
     }
     // A short distance repeats a pattern of `dist` bytes: build at least 16 bytes of it with a
-    // few wide moves, then store 16 bytes every `step` bytes, the largest multiple of the
-    // period that the built part holds.
+    // few wide moves, then store 16 bytes every `step` bytes.
     unsigned char pattern[24];
-    uint32_t built = 16;
     if (dist < 8) {
         uint64_t bytes = Load64(src) & LowMask(8 * dist);
         for (uint32_t have = dist; have < 8; have *= 2)
             bytes |= bytes << (8 * have);
-        const uint32_t whole = 8 - 8 % dist;  // the same 8 bytes again, whole periods on
         Store64(pattern, bytes);
-        Store64(pattern + whole, bytes);
-        built = whole + 8;
+        Store64(pattern + kShortPatterns.whole[dist], bytes);
     } else {
         std::memcpy(pattern, src, 16);
         std::memcpy(pattern + dist, pattern, 8);
     }
-    const uint32_t step = built - built % dist;
+    const uint32_t step = kShortPatterns.step[dist];
     do {
         std::memcpy(out, pattern, 16);
         out += step;
