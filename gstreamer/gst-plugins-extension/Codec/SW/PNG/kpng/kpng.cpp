@@ -416,6 +416,18 @@ void Decoder::InflateInto(unsigned char* out, uint32_t n) {
     if (n != 0) kau::mem::Zero8(out, n);
 }
 
+// The next n bytes of image data where the look-ahead buffer holds them all, else copied into
+// `copy` by InflateInto: the same bytes, and the same fetches of image data, either way.
+const unsigned char* Decoder::InflateRow(unsigned char* copy, uint32_t n) {
+    if (rowDataTaken >= rowDataAfterEnd || inflatedEnd - inflatedNext < n) {
+        InflateInto(copy, n);
+        return copy;
+    }
+    rowDataTaken += n;
+    inflatedNext += n;
+    return inflated + inflatedNext - n;
+}
+
 // Fills the look-ahead buffer with the next image data, first moving its last 32 KiB to the
 // front once it is full; false when the stream has ended or the rows have all they take.
 bool Decoder::InflateAhead() {

@@ -243,15 +243,20 @@ class Decoder : public kiu::Decoder {
     // Image data and rows.
     int InflateZstreamFromIDAT();
     void InflateInto(unsigned char* out, uint32_t n);
+    const unsigned char* InflateRow(unsigned char* copy, uint32_t n);
     bool InflateAhead();
     uint64_t ImageDataSize();
     void SetRowGeometry(uint32_t pixels);
     void DecodeRows(unsigned char*& output);
     void DecodeInterlacedRows(unsigned char*& output);
     void PrepareRows();
-    void ReadRow(bool firstRow);
+    void UnfilterRow(const unsigned char* prior, unsigned char* row);
+    const unsigned char* ExpandRow(const unsigned char* row, unsigned char* expanded,
+                                   uint32_t pixels);
     unsigned char* TakeOutputRows(uint32_t size, int failure);
-    void PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes);
+    void AllocateRows(uint32_t rowBytes, uint32_t pixelBytes, bool unfilteredToo);
+    void PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes,
+                         const unsigned char* source);
 
     int32_t alphaDepth = 0;
     unsigned char* readBuffer = nullptr;
@@ -262,8 +267,12 @@ class Decoder : public kiu::Decoder {
     int32_t chunkFlags = 0;
     uint32_t width = 0;
     uint32_t height = 0;
-    unsigned char* previousRow = nullptr;
-    unsigned char* currentRow = nullptr;
+    // Two unfiltered rows that take turns as the row and its prior row.
+    unsigned char* unfilteredRows[2] = {};
+    // A row of output pixels that are not written straight into the output rows.
+    unsigned char* pixelRow = nullptr;
+    // A filtered row that the look-ahead buffer holds in two parts, put together.
+    unsigned char* rawRow = nullptr;
     uint32_t idatRemaining = 0;
     uint32_t chunkCRC = 0;
     unsigned char palette[256 * 3] = {};

@@ -12,12 +12,13 @@
 
 namespace kpng {
 
-// Undoes one filter on `row` and leaves a copy of the unfiltered bytes in `prior`, which held
-// the previous unfiltered row: the next row's prior row and the input of the expansion. The
-// left neighbour of the first pixel is zero. Rows of whole-byte pixels are a whole number of
-// pixels long.
-using UnfilterRoutine = void (*)(unsigned char* __restrict row, unsigned char* __restrict prior,
-                                 uint32_t n);
+// Undoes one filter: writes to `row` the unfiltered bytes of the filtered bytes `raw` (read
+// where the image data was inflated), given `prior`, the previous row unfiltered. The left
+// neighbour of the first pixel is zero. Rows of whole-byte pixels are a whole number of pixels
+// long.
+using UnfilterRoutine = void (*)(const unsigned char* __restrict raw,
+                                 const unsigned char* __restrict prior,
+                                 unsigned char* __restrict row, uint32_t n);
 
 // What expansions need besides the row: the pixel of every palette index or low-depth grey
 // sample, and the transparent key of 16-bit grey and of truecolour.
@@ -81,48 +82,45 @@ void ForBytesPerPixel(int bytesPerPixel, Set&& set) {
 
 // ---- Portable filters, shared with the vector sets for the ends of their rows ----
 
-inline void UnfilterNone(unsigned char* __restrict row, unsigned char* __restrict prior,
-                         uint32_t n) {
-    memcpy(prior, row, n);
+inline void UnfilterNone(const unsigned char* __restrict raw, const unsigned char* __restrict,
+                         unsigned char* __restrict row, uint32_t n) {
+    memcpy(row, raw, n);
 }
 
-inline void UnfilterUp(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+inline void UnfilterUp(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                       unsigned char* __restrict row, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i)
-        prior[i] = row[i] = uint8_t(row[i] + prior[i]);
+        row[i] = uint8_t(raw[i] + prior[i]);
 }
 
 template <int Bpp>
-void UnfilterSub(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+void UnfilterSub(const unsigned char* __restrict raw, const unsigned char* __restrict,
+                 unsigned char* __restrict row, uint32_t n) {
     uint8_t left[Bpp] = {};
     for (uint32_t i = 0; i < n; i += Bpp) {
-        for (int k = 0; k < Bpp; ++k) {
-            left[k] = uint8_t(row[i + k] + left[k]);
-            prior[i + k] = row[i + k] = left[k];
-        }
+        for (int k = 0; k < Bpp; ++k)
+            row[i + k] = left[k] = uint8_t(raw[i + k] + left[k]);
     }
 }
 
 template <int Bpp>
-void UnfilterAverage(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+void UnfilterAverage(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                     unsigned char* __restrict row, uint32_t n) {
     uint8_t left[Bpp] = {};
     for (uint32_t i = 0; i < n; i += Bpp) {
-        for (int k = 0; k < Bpp; ++k) {
-            left[k] = uint8_t(row[i + k] + ((unsigned{left[k]} + prior[i + k]) >> 1));
-            prior[i + k] = row[i + k] = left[k];
-        }
+        for (int k = 0; k < Bpp; ++k)
+            row[i + k] = left[k] = uint8_t(raw[i + k] + ((unsigned{left[k]} + prior[i + k]) >> 1));
     }
 }
 
 // Average against an all-zero prior row, which is not read.
 template <int Bpp>
-void UnfilterAverageFirst(unsigned char* __restrict row, unsigned char* __restrict prior,
-                          uint32_t n) {
+void UnfilterAverageFirst(const unsigned char* __restrict raw, const unsigned char* __restrict,
+                          unsigned char* __restrict row, uint32_t n) {
     uint8_t left[Bpp] = {};
     for (uint32_t i = 0; i < n; i += Bpp) {
-        for (int k = 0; k < Bpp; ++k) {
-            left[k] = uint8_t(row[i + k] + (left[k] >> 1));
-            prior[i + k] = row[i + k] = left[k];
-        }
+        for (int k = 0; k < Bpp; ++k)
+            row[i + k] = left[k] = uint8_t(raw[i + k] + (left[k] >> 1));
     }
 }
 
@@ -138,24 +136,25 @@ inline uint8_t PaethPredictor(int a, int b, int c) {
 
 // Continues a Paeth row at byte `i` with the left and upper-left bytes of the pixel before it.
 template <int Bpp>
-void UnfilterPaethFrom(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t i,
-                       uint32_t n, uint8_t* left, uint8_t* upperLeft) {
-    const unsigned char* const end = row + n;
-    for (row += i, prior += i; row < end; row += Bpp, prior += Bpp) {
+void UnfilterPaethFrom(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                       unsigned char* __restrict row, uint32_t i, uint32_t n, uint8_t* left,
+                       uint8_t* upperLeft) {
+    const unsigned char* const end = raw + n;
+    for (raw += i, prior += i, row += i; raw < end; raw += Bpp, prior += Bpp, row += Bpp) {
         for (int k = 0; k < Bpp; ++k) {
-            uint8_t upper = prior[k];
-            left[k] = uint8_t(row[k] + PaethPredictor(left[k], upper, upperLeft[k]));
+            const uint8_t upper = prior[k];
+            row[k] = left[k] = uint8_t(raw[k] + PaethPredictor(left[k], upper, upperLeft[k]));
             upperLeft[k] = upper;
-            prior[k] = row[k] = left[k];
         }
     }
 }
 
 template <int Bpp>
-void UnfilterPaeth(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+void UnfilterPaeth(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                   unsigned char* __restrict row, uint32_t n) {
     uint8_t left[Bpp] = {};
     uint8_t upperLeft[Bpp] = {};
-    UnfilterPaethFrom<Bpp>(row, prior, 0, n, left, upperLeft);
+    UnfilterPaethFrom<Bpp>(raw, prior, row, 0, n, left, upperLeft);
 }
 
 }  // namespace kpng

@@ -21,8 +21,9 @@ namespace {
 //
 // Each step loads 16 raw and 16 prior bytes and widens them to 16-bit lanes: four pixels of 3
 // or 4 bytes, each in a 4-lane register, or two of 6 or 8 bytes, each in an 8-lane register.
-// The pixels are unfiltered one after the other, then narrowed and stored back as 16 bytes, the
-// bytes past the step's pixels unchanged. The last pixels of a row go through 16-byte copies.
+// The pixels are unfiltered one after the other, then narrowed and stored as 16 bytes, those
+// past the step's pixels raw until the next step writes them. The last pixels of a row go
+// through 16-byte copies.
 
 template <int Bpp>
 struct Step {
@@ -159,10 +160,10 @@ struct PaethFilter {
 };
 
 template <int Bpp, class Filter>
-KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior,
-                                   typename Step<Bpp>::Lanes& left,
+KPNG_NEON inline void UnfilterStep(const unsigned char* in, const unsigned char* prior,
+                                   unsigned char* row, typename Step<Bpp>::Lanes& left,
                                    typename Step<Bpp>::Lanes& upperLeft) {
-    const uint8x16_t raw = vld1q_u8(row), up = vld1q_u8(prior);
+    const uint8x16_t raw = vld1q_u8(in), up = vld1q_u8(prior);
     typename Step<Bpp>::Pixels rawPixel, upPixel, out;
     SplitPixels<Bpp>(raw, rawPixel);
     SplitPixels<Bpp>(up, upPixel);
@@ -172,25 +173,24 @@ KPNG_NEON inline void UnfilterStep(unsigned char* row, unsigned char* prior,
         out[k] = left;
     }
     vst1q_u8(row, JoinPixels<Bpp>(out, raw));
-    vst1q_u8(prior, JoinPixels<Bpp>(out, up));
 }
 
 template <int Bpp, class Filter>
-KPNG_NEON void UnfilterPixels(unsigned char* __restrict row, unsigned char* __restrict prior,
+KPNG_NEON void UnfilterPixels(const unsigned char* __restrict raw,
+                              const unsigned char* __restrict prior, unsigned char* __restrict row,
                               uint32_t n) {
     constexpr uint32_t kStep = Step<Bpp>::kPixels * Bpp;
     typename Step<Bpp>::Lanes left = {}, upperLeft = {};
     uint32_t i = 0;
     for (; n - i >= 16; i += kStep)
-        UnfilterStep<Bpp, Filter>(row + i, prior + i, left, upperLeft);
+        UnfilterStep<Bpp, Filter>(raw + i, prior + i, row + i, left, upperLeft);
     while (i < n) {
         const uint32_t m = n - i < kStep ? n - i : kStep;
-        unsigned char rawBytes[16] = {}, upBytes[16] = {};
-        memcpy(rawBytes, row + i, m);
+        unsigned char rawBytes[16] = {}, upBytes[16] = {}, rowBytes[16];
+        memcpy(rawBytes, raw + i, m);
         memcpy(upBytes, prior + i, m);
-        UnfilterStep<Bpp, Filter>(rawBytes, upBytes, left, upperLeft);
-        memcpy(row + i, rawBytes, m);
-        memcpy(prior + i, upBytes, m);
+        UnfilterStep<Bpp, Filter>(rawBytes, upBytes, rowBytes, left, upperLeft);
+        memcpy(row + i, rowBytes, m);
         i += m;
     }
 }
@@ -202,15 +202,13 @@ KPNG_NEON void SetPixelFilters(RowRoutines& r) {
     r.unfilter[kFilterPaeth] = UnfilterPixels<Bpp, PaethFilter>;
 }
 
-KPNG_NEON void UnfilterUpNeon(unsigned char* __restrict row, unsigned char* __restrict prior,
+KPNG_NEON void UnfilterUpNeon(const unsigned char* __restrict raw,
+                              const unsigned char* __restrict prior, unsigned char* __restrict row,
                               uint32_t n) {
     uint32_t i = 0;
-    for (; n - i >= 16; i += 16) {
-        const uint8x16_t sum = vaddq_u8(vld1q_u8(row + i), vld1q_u8(prior + i));
-        vst1q_u8(row + i, sum);
-        vst1q_u8(prior + i, sum);
-    }
-    UnfilterUp(row + i, prior + i, n - i);
+    for (; n - i >= 16; i += 16)
+        vst1q_u8(row + i, vaddq_u8(vld1q_u8(raw + i), vld1q_u8(prior + i)));
+    UnfilterUp(raw + i, prior + i, row + i, n - i);
 }
 
 // ---- Expansion ----

@@ -42,28 +42,27 @@ inline Lanes PaethLanes(Lanes left, Lanes upper, Lanes upperLeft) {
 }
 
 template <int Bpp>
-inline void PaethPixel(unsigned char* x, unsigned char* p, Lanes& left, Lanes& upperLeft) {
-    const Lanes upper = LoadLanes(p);
-    left = (LoadLanes(x) + PaethLanes(left, upper, upperLeft)) & 0xFF;
+inline void PaethPixel(const unsigned char* raw, const unsigned char* prior, unsigned char* row,
+                       Lanes& left, Lanes& upperLeft) {
+    const Lanes upper = LoadLanes(prior);
+    left = (LoadLanes(raw) + PaethLanes(left, upper, upperLeft)) & 0xFF;
     upperLeft = upper;
     for (int k = 0; k < Bpp; ++k)
-        x[k] = p[k] = uint8_t(left[k]);
+        row[k] = uint8_t(left[k]);
 }
 
 template <int Bpp>
-void UnfilterPaethLanes(unsigned char* __restrict row, unsigned char* __restrict prior,
-                        uint32_t n) {
+void UnfilterPaethLanes(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                        unsigned char* __restrict row, uint32_t n) {
     Lanes left = {}, upperLeft = {};
     uint32_t i = 0;
     for (; n >= 8 && i <= n - 8; i += Bpp)
-        PaethPixel<Bpp>(row + i, prior + i, left, upperLeft);
+        PaethPixel<Bpp>(raw + i, prior + i, row + i, left, upperLeft);
     for (; i < n; i += Bpp) {
-        unsigned char x[8] = {}, p[8] = {};
-        memcpy(x, row + i, Bpp);
+        unsigned char r[8] = {}, p[8] = {};
+        memcpy(r, raw + i, Bpp);
         memcpy(p, prior + i, Bpp);
-        PaethPixel<Bpp>(x, p, left, upperLeft);
-        memcpy(row + i, x, Bpp);
-        memcpy(prior + i, p, Bpp);
+        PaethPixel<Bpp>(r, p, row + i, left, upperLeft);
     }
 }
 
@@ -73,24 +72,24 @@ inline __m128i PaethSse2(__m128i a, __m128i b, __m128i c) {
 
 // Four pixels of 3 or 4 bytes per step: the raw and prior bytes of the step come in one load
 // each, the pixels are unfiltered one after the other in registers, and exactly the step's
-// bytes are stored, so that no later load overlaps an earlier store. Loads need 16 bytes, so
-// the last pixels of a row go through the byte loop.
+// bytes are stored. Loads need 16 bytes, so the last pixels of a row go through the byte loop.
 template <int Bpp>
-void UnfilterPaethSse2(unsigned char* __restrict row, unsigned char* __restrict prior, uint32_t n) {
+void UnfilterPaethSse2(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                       unsigned char* __restrict row, uint32_t n) {
     static_assert(Bpp == 3 || Bpp == 4, "four pixels fill at most 16 bytes");
     const __m128i zero = _mm_setzero_si128(), low = _mm_set1_epi16(0xFF);
     __m128i a = zero, c = zero;
     uint32_t i = 0;
     for (; n >= 16 && i <= n - 16; i += 4 * Bpp) {
-        __m128i raw = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + i));
+        __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(raw + i));
         __m128i up = _mm_loadu_si128(reinterpret_cast<const __m128i*>(prior + i));
         uint32_t pixels[4];
         for (int k = 0; k < 4; ++k) {
             const __m128i b = _mm_unpacklo_epi8(up, zero);
-            a = _mm_and_si128(_mm_add_epi16(_mm_unpacklo_epi8(raw, zero), PaethSse2(a, b, c)), low);
+            a = _mm_and_si128(_mm_add_epi16(_mm_unpacklo_epi8(x, zero), PaethSse2(a, b, c)), low);
             c = b;
             pixels[k] = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(a, a)));
-            raw = _mm_srli_si128(raw, Bpp);
+            x = _mm_srli_si128(x, Bpp);
             up = _mm_srli_si128(up, Bpp);
         }
         unsigned char bytes[16];
@@ -101,7 +100,6 @@ void UnfilterPaethSse2(unsigned char* __restrict row, unsigned char* __restrict 
                 memcpy(bytes + 3 * k, &pixels[k], 3);
         }
         memcpy(row + i, bytes, 4 * Bpp);
-        memcpy(prior + i, bytes, 4 * Bpp);
     }
     uint8_t left[Bpp], upperLeft[Bpp];
     for (int k = 0; k < Bpp; ++k) {
@@ -110,7 +108,7 @@ void UnfilterPaethSse2(unsigned char* __restrict row, unsigned char* __restrict 
         a = _mm_srli_si128(a, 2);
         c = _mm_srli_si128(c, 2);
     }
-    UnfilterPaethFrom<Bpp>(row, prior, i, n, left, upperLeft);
+    UnfilterPaethFrom<Bpp>(raw, prior, row, i, n, left, upperLeft);
 }
 
 // Each pixel but the last as one 4-byte load whose fourth byte is replaced by the alpha.

@@ -110,41 +110,34 @@ unsigned char* Decoder::TakeOutputRows(uint32_t size, int failure) {
 
 // No buffer is cleared beforehand: every byte is written before it is read, and the first row
 // of an image or pass takes the routines that do not read the prior row. So memory is touched
-// only as rows arrive. Rows of 4-byte pixels are inflated and expanded where they end up,
-// unless a caller's row is too short for the filtered row; other rows pass through a row of
-// the decoder's.
+// only as rows arrive. 8-bit RGBA rows kept as RGBA are unfiltered straight into the output
+// rows, each the next one's prior row; other rows are unfiltered into the decoder's two rows,
+// then expanded or written into output rows of 4-byte pixels, or through a row of the decoder's
+// into narrower ones.
 void Decoder::DecodeRows(unsigned char*& output) {
     SetRowGeometry(width);
     const uint32_t pixelBytes = BytesPerPixel(outputFormat);
     const uint32_t stride = destination ? destinationStride : width * pixelBytes;
-    const uint32_t expandedBytes = width * 4;
     uint32_t size;
     if (!Multiply32(height, stride, size)) Fail(kErrOutputAllocate);
-    const bool inPlace = pixelBytes == 4 && (!destination || bytesPerRow <= expandedBytes);
-    // 16-bit RGB and RGBA rows are longer filtered than expanded: the last one needs room.
-    if (inPlace && bytesPerRow > stride) {
-        if (bytesPerRow - stride > UINT32_MAX - size) Fail(kErrOutputAllocate);
-        size += bytesPerRow - stride;
-    }
     output = TakeOutputRows(size, kErrOutputAllocate);
-    previousRow = static_cast<unsigned char*>(heap.Allocate(bytesPerRow));
-    if (!inPlace)
-        currentRow = static_cast<unsigned char*>(
-            heap.Allocate(bytesPerRow > expandedBytes ? bytesPerRow : expandedBytes));
-    const auto write = rowRoutines->write;
+    const RowRoutines& routines = *rowRoutines;
+    const bool inPlace = pixelBytes == 4;
+    const bool unfilterIntoOutput = inPlace && !routines.expand && !routines.write;
+    AllocateRows(bytesPerRow, inPlace ? 0 : width * 4, !unfilterIntoOutput);
+    const unsigned char* prior = nullptr;
     for (uint32_t y = 0; y < height; ++y) {
         unsigned char* outputRow = output + size_t{y} * stride;
-        if (inPlace) currentRow = outputRow;
-        ReadRow(y == 0);
-        if (write)
-            write(currentRow, outputRow, width);
-        else if (!inPlace)
-            kau::mem::Copy8(outputRow, currentRow, expandedBytes);
+        unsigned char* row = unfilterIntoOutput ? outputRow : unfilteredRows[y & 1];
+        UnfilterRow(prior, row);
+        prior = row;
+        const unsigned char* pixels = ExpandRow(row, inPlace ? outputRow : pixelRow, width);
+        if (routines.write) routines.write(pixels, outputRow, width);
     }
 }
 
-// Each pass row is expanded and written in the output format in the decoder's row, then its
-// pixels are placed in the output rows.
+// Each pass row is unfiltered, expanded and written in the output format in the decoder's rows,
+// then its pixels are placed in the output rows.
 void Decoder::DecodeInterlacedRows(unsigned char*& output) {
     const uint32_t pixelBytes = BytesPerPixel(outputFormat);
     const uint32_t stride = destination ? destinationStride : width * pixelBytes;
@@ -152,47 +145,72 @@ void Decoder::DecodeInterlacedRows(unsigned char*& output) {
     if (!Multiply32(height, stride, size)) Fail(kErrInterlacedOutputAllocate);
     output = TakeOutputRows(size, kErrInterlacedOutputAllocate);
     const uint32_t roundedWidth = kau::RoundUp(width, 8);
-    const uint32_t priorBytes =
+    const uint32_t longestRow =
         bitsPerPixel >= 8 ? bitsPerPixel / 8 * roundedWidth : bitsPerPixel * roundedWidth / 8;
-    previousRow = static_cast<unsigned char*>(heap.Allocate(priorBytes));
-    const uint32_t rowBytes = (bitsPerPixel > 32 ? bitsPerPixel : 32) / 8 * roundedWidth;
-    currentRow = static_cast<unsigned char*>(heap.Allocate(rowBytes));
+    AllocateRows(longestRow, 4 * roundedWidth, true);
     const auto write = rowRoutines->write;
     for (int p = 0; p < 7; ++p) {
         const Pass& pass = kPasses[p];
         SetRowGeometry((width - 1 + pass.columnIncrement - pass.firstColumn) /
                        pass.columnIncrement);
         if (width < pass.minimumWidth) continue;
+        const unsigned char* prior = nullptr;
         for (uint32_t y = pass.firstRow; y < height; y += pass.rowIncrement) {
             unsigned char* outputRow = output + size_t{y} * stride;
-            ReadRow(y == pass.firstRow);
-            if (write) write(currentRow, currentRow, pixelsPerRow);
+            unsigned char* row = unfilteredRows[y / pass.rowIncrement & 1];
+            UnfilterRow(prior, row);
+            prior = row;
+            const unsigned char* pixels = ExpandRow(row, pixelRow, pixelsPerRow);
+            if (write) {
+                write(pixels, pixelRow, pixelsPerRow);
+                pixels = pixelRow;
+            }
             if (p == 6)
-                kau::mem::Copy8(outputRow, currentRow, width * pixelBytes);
+                kau::mem::Copy8(outputRow, pixels, width * pixelBytes);
             else
-                PlacePassPixels(outputRow, p, pixelBytes);
+                PlacePassPixels(outputRow, p, pixelBytes, pixels);
         }
     }
 }
 
-void Decoder::PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes) {
+// The decoder's rows: the filtered row put together, the two unfiltered rows when they are
+// wanted, and the row of output pixels when it has a size.
+void Decoder::AllocateRows(uint32_t rowBytes, uint32_t pixelBytes, bool unfilteredToo) {
+    rawRow = static_cast<unsigned char*>(heap.Allocate(rowBytes));
+    for (unsigned char*& row : unfilteredRows)
+        if (unfilteredToo) row = static_cast<unsigned char*>(heap.Allocate(rowBytes));
+    if (pixelBytes) pixelRow = static_cast<unsigned char*>(heap.Allocate(pixelBytes));
+}
+
+void Decoder::PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes,
+                              const unsigned char* source) {
     const uint32_t increment = kPasses[pass].columnIncrement;
-    const unsigned char* source = currentRow;
     for (uint32_t x = kPasses[pass].firstColumn; x < width; x += increment, source += pixelBytes)
         memcpy(outputRow + size_t{x} * pixelBytes, source, pixelBytes);
 }
 
-// Unfilters the row in place, leaving a copy in previousRow, and expands that copy into the
-// row, front to back, without overwriting unread input. Filter types 5 to 255 are taken as None.
-void Decoder::ReadRow(bool firstRow) {
+// Unfilters the next row from its inflated bytes and `prior`, the row before it unfiltered (null
+// for the first row of an image or pass), into `row`. Filter types 5 to 255 are taken as None.
+void Decoder::UnfilterRow(const unsigned char* prior, unsigned char* row) {
     unsigned char filterType = 0;
     InflateInto(&filterType, 1);
-    InflateInto(currentRow, bytesPerRow);
+    const unsigned char* raw = InflateRow(rawRow, bytesPerRow);
     const RowRoutines& routines = *rowRoutines;
-    const UnfilterRoutine* unfilter = firstRow ? routines.unfilterFirst : routines.unfilter;
     const unsigned type = filterType < kFilterTypes ? filterType : unsigned{kFilterNone};
-    unfilter[type](currentRow, previousRow, bytesPerRow);
-    if (routines.expand) routines.expand(previousRow, currentRow, pixelsPerRow, routines.keys);
+    // The first row's routines do not read the prior row.
+    if (prior)
+        routines.unfilter[type](raw, prior, row, bytesPerRow);
+    else
+        routines.unfilterFirst[type](raw, raw, row, bytesPerRow);
+}
+
+// The row's pixels as 8-bit RGBA: the row itself, or its expansion into `expanded`.
+const unsigned char* Decoder::ExpandRow(const unsigned char* row, unsigned char* expanded,
+                                        uint32_t pixels) {
+    const RowRoutines& routines = *rowRoutines;
+    if (!routines.expand) return row;
+    routines.expand(row, expanded, pixels, routines.keys);
+    return expanded;
 }
 
 }  // namespace kpng
