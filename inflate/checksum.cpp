@@ -4,6 +4,7 @@
 
 #include "checksum.h"
 #include "kauCpu.h"
+#include "littleEndian.h"
 #include "zin.h"
 
 #if defined(__SSE2__)
@@ -28,14 +29,7 @@
 
 namespace {
 
-inline uint32_t Load32(const unsigned char* p) {
-    uint32_t v;
-    std::memcpy(&v, p, sizeof v);
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    v = __builtin_bswap32(v);
-#endif
-    return v;
-}
+using zin::LoadLittleEndian;
 
 // ---------------------------------------------------------------------------------------------
 // CRC-32 (reflected polynomial 0xEDB88320), eight table lookups per eight bytes.
@@ -69,8 +63,8 @@ static_assert(kCrc.t[0][1] == 0x77073096u, "CRC-32 table");
 // Updates a raw (not inverted) CRC register over `n` bytes.
 uint32_t CrcScalar(uint32_t c, const unsigned char* p, uint32_t n) {
     while (n >= 8) {
-        uint32_t lo = c ^ Load32(p);
-        uint32_t hi = Load32(p + 4);
+        uint32_t lo = c ^ LoadLittleEndian<uint32_t>(p);
+        uint32_t hi = LoadLittleEndian<uint32_t>(p + 4);
         c = kCrc.t[7][lo & 0xff] ^ kCrc.t[6][(lo >> 8) & 0xff] ^ kCrc.t[5][(lo >> 16) & 0xff] ^
             kCrc.t[4][lo >> 24] ^ kCrc.t[3][hi & 0xff] ^ kCrc.t[2][(hi >> 8) & 0xff] ^
             kCrc.t[1][(hi >> 16) & 0xff] ^ kCrc.t[0][hi >> 24];
@@ -135,9 +129,9 @@ ZIN_CLMUL_TARGET uint32_t CrcClmul(uint32_t c, const unsigned char* p, uint32_t 
 ZIN_CRC_TARGET uint32_t CrcArm(uint32_t c, const unsigned char* p, uint32_t n) {
     for (; n >= 4; n -= 4, p += 4) {
 #if defined(__aarch64__)
-        c = __builtin_aarch64_crc32w(c, Load32(p));
+        c = __builtin_aarch64_crc32w(c, LoadLittleEndian<uint32_t>(p));
 #else
-        c = __builtin_arm_crc32w(c, Load32(p));
+        c = __builtin_arm_crc32w(c, LoadLittleEndian<uint32_t>(p));
 #endif
     }
     for (; n > 0; --n, ++p) {
@@ -166,7 +160,7 @@ constexpr uint32_t kAdlerRun = 5552;
 void Adler64Bytes(uint32_t& a, uint32_t& b, const unsigned char* p) {
     uint32_t sumsEven = 0, sumsOdd = 0, beforeEven = 0, beforeOdd = 0;
     for (int k = 0; k < 16; ++k, p += 4) {
-        const uint32_t word = Load32(p);
+        const uint32_t word = LoadLittleEndian<uint32_t>(p);
         beforeEven += sumsEven;
         beforeOdd += sumsOdd;
         sumsEven += word & 0x00FF00FF;

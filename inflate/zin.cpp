@@ -4,36 +4,9 @@
 
 #include "checksum.h"
 #include "kau.h"
+#include "littleEndian.h"
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// Little-endian loads that compile to single unaligned loads.
-
-inline uint64_t Load64(const unsigned char* p) {
-    uint64_t v;
-    std::memcpy(&v, p, sizeof v);
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    v = __builtin_bswap64(v);
-#endif
-    return v;
-}
-
-inline uint32_t Load32(const unsigned char* p) {
-    uint32_t v;
-    std::memcpy(&v, p, sizeof v);
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    v = __builtin_bswap32(v);
-#endif
-    return v;
-}
-
-inline void Store64(unsigned char* p, uint64_t v) {
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    v = __builtin_bswap64(v);
-#endif
-    std::memcpy(p, &v, sizeof v);
-}
 
 inline void Copy16(unsigned char* dst, const unsigned char* src) {
     std::memcpy(dst, src, 16);
@@ -301,11 +274,11 @@ inline void CopyMatchWide(unsigned char* out, uint32_t dist, uint32_t len) {
     // few wide moves, then store 16 bytes every `step` bytes.
     unsigned char pattern[24];
     if (dist < 8) {
-        uint64_t bytes = Load64(src) & LowMask(8 * dist);
+        uint64_t bytes = LoadLittleEndian<uint64_t>(src) & LowMask(8 * dist);
         for (uint32_t have = dist; have < 8; have *= 2)
             bytes |= bytes << (8 * have);
-        Store64(pattern, bytes);
-        Store64(pattern + kShortPatterns.whole[dist], bytes);
+        StoreLittleEndian(pattern, bytes);
+        StoreLittleEndian(pattern + kShortPatterns.whole[dist], bytes);
     } else {
         std::memcpy(pattern, src, 16);
         std::memcpy(pattern + dist, pattern, 8);
@@ -469,11 +442,7 @@ void FastLoop(Stream& s, unsigned long start) {
     // where it starts. It writes at most kLiterals + 1 literals or one match that it checks
     // against the room left.
     auto refill = [&]() {
-        if constexpr (sizeof(Word) == 8) {
-            hold |= Load64(in) << bits;
-        } else {
-            hold |= Load32(in) << bits;
-        }
+        hold |= LoadLittleEndian<Word>(in) << bits;
         in += (8 * sizeof(Word) - 1 - bits) >> 3;
         bits |= Bits::kRefilled;
     };
