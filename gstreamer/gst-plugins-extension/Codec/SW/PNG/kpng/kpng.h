@@ -250,9 +250,8 @@ class Decoder : public kiu::Decoder {
     void DecodeRows(unsigned char*& output);
     void DecodeInterlacedRows(unsigned char*& output);
     void PrepareRows();
-    void UnfilterRow(const unsigned char* prior, unsigned char* row);
-    const unsigned char* ExpandRow(const unsigned char* row, unsigned char* expanded,
-                                   uint32_t pixels);
+    const unsigned char* ReadRow(const unsigned char* prior, unsigned char* row,
+                                 unsigned char* expanded);
     unsigned char* TakeOutputRows(uint32_t size, int failure);
     void AllocateRows(uint32_t rowBytes, uint32_t pixelBytes, bool unfilteredToo);
     void PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixelBytes,

@@ -129,9 +129,8 @@ void Decoder::DecodeRows(unsigned char*& output) {
     for (uint32_t y = 0; y < height; ++y) {
         unsigned char* outputRow = output + size_t{y} * stride;
         unsigned char* row = unfilterIntoOutput ? outputRow : unfilteredRows[y & 1];
-        UnfilterRow(prior, row);
+        const unsigned char* pixels = ReadRow(prior, row, inPlace ? outputRow : pixelRow);
         prior = row;
-        const unsigned char* pixels = ExpandRow(row, inPlace ? outputRow : pixelRow, width);
         if (routines.write) routines.write(pixels, outputRow, width);
     }
 }
@@ -158,9 +157,8 @@ void Decoder::DecodeInterlacedRows(unsigned char*& output) {
         for (uint32_t y = pass.firstRow; y < height; y += pass.rowIncrement) {
             unsigned char* outputRow = output + size_t{y} * stride;
             unsigned char* row = unfilteredRows[y / pass.rowIncrement & 1];
-            UnfilterRow(prior, row);
+            const unsigned char* pixels = ReadRow(prior, row, pixelRow);
             prior = row;
-            const unsigned char* pixels = ExpandRow(row, pixelRow, pixelsPerRow);
             if (write) {
                 write(pixels, pixelRow, pixelsPerRow);
                 pixels = pixelRow;
@@ -177,8 +175,10 @@ void Decoder::DecodeInterlacedRows(unsigned char*& output) {
 // wanted, and the row of output pixels when it has a size.
 void Decoder::AllocateRows(uint32_t rowBytes, uint32_t pixelBytes, bool unfilteredToo) {
     rawRow = static_cast<unsigned char*>(heap.Allocate(rowBytes));
-    for (unsigned char*& row : unfilteredRows)
-        if (unfilteredToo) row = static_cast<unsigned char*>(heap.Allocate(rowBytes));
+    if (unfilteredToo) {
+        for (unsigned char*& row : unfilteredRows)
+            row = static_cast<unsigned char*>(heap.Allocate(rowBytes));
+    }
     if (pixelBytes) pixelRow = static_cast<unsigned char*>(heap.Allocate(pixelBytes));
 }
 
@@ -189,9 +189,12 @@ void Decoder::PlacePassPixels(unsigned char* outputRow, int pass, uint32_t pixel
         memcpy(outputRow + size_t{x} * pixelBytes, source, pixelBytes);
 }
 
-// Unfilters the next row from its inflated bytes and `prior`, the row before it unfiltered (null
-// for the first row of an image or pass), into `row`. Filter types 5 to 255 are taken as None.
-void Decoder::UnfilterRow(const unsigned char* prior, unsigned char* row) {
+// Inflates, unfilters and expands the next row. Its filtered bytes and `prior`, the row before
+// it unfiltered (null for the first row of an image or pass), give the unfiltered row in `row`;
+// its pixels as 8-bit RGBA are that row, or its expansion into `expanded`, which is returned.
+// Filter types 5 to 255 are taken as None.
+const unsigned char* Decoder::ReadRow(const unsigned char* prior, unsigned char* row,
+                                      unsigned char* expanded) {
     unsigned char filterType = 0;
     InflateInto(&filterType, 1);
     const unsigned char* raw = InflateRow(rawRow, bytesPerRow);
@@ -202,14 +205,8 @@ void Decoder::UnfilterRow(const unsigned char* prior, unsigned char* row) {
         routines.unfilter[type](raw, prior, row, bytesPerRow);
     else
         routines.unfilterFirst[type](raw, raw, row, bytesPerRow);
-}
-
-// The row's pixels as 8-bit RGBA: the row itself, or its expansion into `expanded`.
-const unsigned char* Decoder::ExpandRow(const unsigned char* row, unsigned char* expanded,
-                                        uint32_t pixels) {
-    const RowRoutines& routines = *rowRoutines;
     if (!routines.expand) return row;
-    routines.expand(row, expanded, pixels, routines.keys);
+    routines.expand(row, expanded, pixelsPerRow, routines.keys);
     return expanded;
 }
 
