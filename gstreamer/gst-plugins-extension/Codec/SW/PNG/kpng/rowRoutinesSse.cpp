@@ -238,6 +238,27 @@ __attribute__((target("ssse3"))) void ExpandRgb8Ssse3(const unsigned char* __res
     ExpandRgb8Tail(in + 3 * i, out + 4 * i, n - i);
 }
 
+// 8-bit grey without a transparent key, whose table is the grey ramp: each pixel is its sample
+// three times and an opaque alpha, sixteen pixels per load. The last pixels go through the table.
+void ExpandGrey8Sse2(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n,
+                     const PixelKeys& keys) {
+    const __m128i alpha = _mm_set1_epi32(int(0xFF000000u));
+    uint32_t i = 0;
+    for (; n >= 16 && i <= n - 16; i += 16) {
+        const __m128i grey = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        const __m128i pairs[2] = {_mm_unpacklo_epi8(grey, grey), _mm_unpackhi_epi8(grey, grey)};
+        __m128i* pixels = reinterpret_cast<__m128i*>(out + 4 * i);
+        for (int k = 0; k < 2; ++k) {
+            _mm_storeu_si128(pixels + 2 * k,
+                             _mm_or_si128(_mm_unpacklo_epi16(pairs[k], pairs[k]), alpha));
+            _mm_storeu_si128(pixels + 2 * k + 1,
+                             _mm_or_si128(_mm_unpackhi_epi16(pairs[k], pairs[k]), alpha));
+        }
+    }
+    for (; i < n; ++i)
+        memcpy(out + 4 * i, &keys.table[in[i]], 4);
+}
+
 }  // namespace
 
 void UseSseRowRoutines(RowRoutines& r, const RowFormat& format, bool ssse3) {
@@ -251,6 +272,7 @@ void UseSseRowRoutines(RowRoutines& r, const RowFormat& format, bool ssse3) {
     });
     if (ssse3 && format.colourType == 2 && format.bitDepth == 8 && !format.keyed)
         r.expand = ExpandRgb8Ssse3;
+    if (format.colourType == 0 && format.bitDepth == 8 && !format.keyed) r.expand = ExpandGrey8Sse2;
 }
 
 }  // namespace kpng
