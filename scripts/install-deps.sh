@@ -12,6 +12,7 @@ packages=(
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
   g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user
   valgrind
+  optipng zopfli
 )
 
 # The ARM unit tests link the armhf or arm64 builds of their oracles and of GoogleTest. They

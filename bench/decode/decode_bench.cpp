@@ -1,7 +1,10 @@
 // The decode comparison over the benchmark images: DecodePNG in memory mode and in stream mode
 // (a page-array stream) against libpng, libspng and stb_image, all to 8-bit RGBA; then the
 // inflate table, the working memory of one decode of the largest image and the element's speed
-// against DecodePNG on the same frames. Times are the best of five rounds in this one process.
+// against DecodePNG on the same frames; then the same comparison on the photos and the painting
+// as other encoders write them and as 8-bit grey, and per kind of image the time per pixel of
+// DecodePNG, libpng and stb_image in the layout of the ARM instruction counts' table. Times are
+// the best of several rounds in this one process; on each image the decoders take turns.
 #include <dirent.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
@@ -10,9 +13,13 @@
 #include <stb_image.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -23,15 +30,21 @@
 #include "kau.h"
 #include "kpng.h"
 #include "mmstream.h"
+#include "reencode.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
+enum { kMemory, kStream, kPortable, kLibpng, kLibspng, kStb, kDecoders };
+const char* const kDecoderNames[kDecoders] = {"kpng-memory", "kpng-stream", "kpng-portable",
+                                              "libpng",      "libspng",     "stb_image"};
+
 struct Image {
-    std::string name, path;
+    std::string name, path, kind;
     Bytes png;
     uint32_t width = 0, height = 0;
+    double seconds[kDecoders] = {};  // per decode, once timed; 0 when a decoder failed
 };
 
 std::vector<std::string> BenchFiles() {
@@ -133,11 +146,30 @@ bool Stb(const Image& image, Bytes* pixels) {
 
 // ---- The decode table ----
 
-enum { kMemory, kStream, kPortable, kLibpng, kLibspng, kStb, kDecoders };
-const char* const kDecoderNames[kDecoders] = {"kpng-memory", "kpng-stream", "kpng-portable",
-                                              "libpng",      "libspng",     "stb_image"};
+// The best time of each of the decodes in `runs`, in seconds per run, into `seconds`. Each round
+// times every decode in turn, each for at least 20 ms, so that a change in the machine's load
+// between rounds falls on all of them alike.
+void BestSecondsInTurn(const std::vector<std::function<void()>>& runs, double* seconds) {
+    using Clock = std::chrono::steady_clock;
+    std::fill_n(seconds, runs.size(), 1e30);
+    for (int round = 0; round < 7; ++round) {
+        for (size_t r = 0; r < runs.size(); ++r) {
+            int count = 0;
+            const auto start = Clock::now();
+            double elapsed;
+            do {
+                runs[r]();
+                ++count;
+                elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+            } while (elapsed < 0.02);
+            seconds[r] = std::min(seconds[r], elapsed / count);
+        }
+    }
+}
 
-bool RunDecodeComparison(const std::vector<Image>& images) {
+// Times every decoder on every image into its `seconds` and prints the table; `set` names the
+// images in the last line.
+bool RunDecodeComparison(std::vector<Image>& images, const char* set) {
     double totals[kDecoders] = {};
     double totalPixels = 0;
     bool allGood = true;
@@ -146,7 +178,7 @@ bool RunDecodeComparison(const std::vector<Image>& images) {
         std::printf(" %12s", name);
     std::printf("   time of each over kpng-memory:  stream  portable  libpng  libspng  stb\n");
     Bytes reference, pixels;
-    for (const Image& image : images) {
+    for (Image& image : images) {
         MMStream* stream = PageArrayStream(image.png);
         bool good = stream && KpngMemory(image, &reference) && KpngStream(stream, &pixels) &&
                     pixels == reference && Libspng(image, pixels) && Libpng(image, pixels) &&
@@ -157,15 +189,20 @@ bool RunDecodeComparison(const std::vector<Image>& images) {
             MMStreamDelete(&stream);
             continue;
         }
-        double t[kDecoders];
-        t[kMemory] = zinbench::BestSeconds([&] { KpngMemory(image, nullptr); });
-        t[kStream] = zinbench::BestSeconds([&] { KpngStream(stream, nullptr); });
-        kpng::UseVectorRowPaths(false);
-        t[kPortable] = zinbench::BestSeconds([&] { KpngMemory(image, nullptr); });
-        kpng::UseVectorRowPaths(true);
-        t[kLibpng] = zinbench::BestSeconds([&] { Libpng(image, pixels); });
-        t[kLibspng] = zinbench::BestSeconds([&] { Libspng(image, pixels); });
-        t[kStb] = zinbench::BestSeconds([&] { Stb(image, nullptr); });
+        double* t = image.seconds;
+        BestSecondsInTurn({
+                              [&] { KpngMemory(image, nullptr); },
+                              [&] { KpngStream(stream, nullptr); },
+                              [&] {
+                                  kpng::UseVectorRowPaths(false);
+                                  KpngMemory(image, nullptr);
+                                  kpng::UseVectorRowPaths(true);
+                              },
+                              [&] { Libpng(image, pixels); },
+                              [&] { Libspng(image, pixels); },
+                              [&] { Stb(image, nullptr); },
+                          },
+                          t);
         MMStreamDelete(&stream);
         const double mpix = double(image.width) * image.height / 1e6;
         std::printf("%-32s %9.3f", image.name.c_str(), mpix);
@@ -185,9 +222,9 @@ bool RunDecodeComparison(const std::vector<Image>& images) {
                 totals[kPortable] / totals[kMemory], totals[kLibpng] / totals[kMemory],
                 totals[kLibspng] / totals[kMemory], totals[kStb] / totals[kMemory]);
     std::printf(
-        "whole set: kpng-memory is %.2fx libpng, %.2fx libspng, %.2fx stb_image; "
+        "%s: kpng-memory is %.2fx libpng, %.2fx libspng, %.2fx stb_image; "
         "stream mode runs at %.2f of memory mode's speed\n",
-        totals[kLibpng] / totals[kMemory], totals[kLibspng] / totals[kMemory],
+        set, totals[kLibpng] / totals[kMemory], totals[kLibspng] / totals[kMemory],
         totals[kStb] / totals[kMemory], totals[kMemory] / totals[kStream]);
     return allGood;
 }
@@ -407,11 +444,197 @@ void ReportElement(const std::vector<Image>& images) {
     ReportElementBgrx(images);
 }
 
+// ---- Kinds of image ----
+
+// The kind of each benchmark image, by the start of its name; the first match wins.
+const std::pair<const char*, const char*> kKindsByName[] = {
+    {"kodim", "photos"},
+    {"fantasy-painting", "painting"},
+    {"exoplanet-diagram-indexed", "palette"},
+    {"exoplanet-diagram", "RGB diagram"},
+    {"paletted-", "palette"},
+    {"lorem-ipsum-optimized", "palette"},
+    {"lorem-ipsum-screenshot", "RGBA screenshot/transparency"},
+    {"transparency", "RGBA screenshot/transparency"},
+    {"tango-icon", "icons"},
+};
+
+std::string KindOf(const std::string& name) {
+    for (const auto& [start, kind] : kKindsByName)
+        if (name.compare(0, std::strlen(start), start) == 0) return kind;
+    return "other";
+}
+
+// kpng-memory's speed over libpng's that the whole benchmark set should reach.
+constexpr double kWholeSetGoal = 2.4;
+
+// ---- The re-encoded images ----
+
+// A kind made from each photo and the painting by one encoder, named `tag/<source name>`, and
+// the speed over libpng kpng-memory should reach on it. `make` returns the PNG, or nothing and
+// why.
+struct Reencoding {
+    const char* kind;
+    const char* tag;
+    double goal;
+    reencode::Bytes (*make)(const Image& source, const reencode::Pixels& rgb, std::string* why);
+};
+
+reencode::Bytes ByTool(const reencode::Tool& tool, const Image& source, std::string* why) {
+    return reencode::ByTool(tool, source.png, source.name, KALPNG_REENCODED_DIR, why);
+}
+
+const Reencoding kReencodings[] = {
+    {"photos by zlib 1, per-row filter", "zlib1", 2.3,
+     [](const Image&, const reencode::Pixels& rgb, std::string*) {
+         return reencode::WritePng(rgb, 1, PNG_ALL_FILTERS);
+     }},
+    {"photos by optipng -o2", "optipng", 2.3,
+     [](const Image& source, const reencode::Pixels&, std::string* why) {
+         return ByTool({"optipng", {"-quiet", "-force", "-o2", "-out", "OUT", "IN"}}, source, why);
+     }},
+    // One iteration of zopfli's search: the default number takes minutes for the painting alone.
+    {"photos by zopflipng", "zopflipng", 2.3,
+     [](const Image& source, const reencode::Pixels&, std::string* why) {
+         return ByTool({"zopflipng", {"-y", "--always_zopflify", "--iterations=1", "IN", "OUT"}},
+                       source, why);
+     }},
+    {"grey photos, Paeth rows", "grey-paeth", 2.0,
+     [](const Image&, const reencode::Pixels& rgb, std::string*) {
+         return reencode::WritePng(reencode::GreyOf(rgb), 6, PNG_FILTER_PAETH);
+     }},
+    {"grey photos, per-row filter", "grey-adapt", 2.0,
+     [](const Image&, const reencode::Pixels& rgb, std::string*) {
+         return reencode::WritePng(reencode::GreyOf(rgb), 6, PNG_ALL_FILTERS);
+     }},
+};
+
+// The re-encodings of the photos and the painting; a kind whose encoder is missing is left out
+// with a line that says so.
+std::vector<Image> Reencoded(const std::vector<Image>& originals) {
+    std::vector<std::pair<const Image*, reencode::Pixels>> sources;
+    for (const Image& image : originals) {
+        Bytes rgba;
+        if ((image.kind == "photos" || image.kind == "painting") && KpngMemory(image, &rgba))
+            sources.push_back({&image, reencode::RgbOf(rgba, image.width, image.height)});
+    }
+    std::vector<Image> made;
+    for (const Reencoding& r : kReencodings) {
+        std::vector<Image> kind;
+        std::string why;
+        for (const auto& [source, rgb] : sources) {
+            Image image;
+            image.png = r.make(*source, rgb, &why);
+            if (image.png.empty()) break;
+            image.name = std::string(r.tag) + "/" + source->name;
+            image.kind = r.kind;
+            image.width = source->width;
+            image.height = source->height;
+            kind.push_back(std::move(image));
+        }
+        if (kind.size() < sources.size())
+            std::printf("%s: left out, %s\n", r.kind, why.c_str());
+        else
+            made.insert(made.end(), kind.begin(), kind.end());
+    }
+    return made;
+}
+
+// ---- Per kind ----
+
+// The decoders of the per-kind table and their names there.
+const std::pair<int, const char*> kKindColumns[] = {
+    {kMemory, "kpng"}, {kLibpng, "libpng"}, {kStb, "stb_image"}};
+
+// One kind's files and pixels, each decoder's time, and the sum over files of the log of
+// kpng-memory's time over the decoder's.
+struct KindSums {
+    std::string kind;
+    int files = 0;
+    double pixels = 0, seconds[kDecoders] = {}, logRatios[kDecoders] = {};
+
+    void Add(const Image& image) {
+        if (image.seconds[kMemory] == 0) return;
+        ++files;
+        pixels += double(image.width) * image.height;
+        for (int d = 0; d < kDecoders; ++d) {
+            seconds[d] += image.seconds[d];
+            logRatios[d] += std::log(image.seconds[kMemory] / image.seconds[d]);
+        }
+    }
+    double Ratio(int d) const { return seconds[kMemory] / seconds[d]; }
+    double Geomean(int d) const { return std::exp(logRatios[d] / files); }
+};
+
+// The whole benchmark set, then its kinds, then the re-encoded kinds, in the order they come.
+std::vector<KindSums> SumByKind(const std::vector<Image>& originals,
+                                const std::vector<Image>& reencoded) {
+    std::vector<KindSums> kinds(1);
+    kinds[0].kind = "whole set";
+    for (const Image& image : originals)
+        kinds[0].Add(image);
+    for (const std::vector<Image>* set : {&originals, &reencoded}) {
+        for (const Image& image : *set) {
+            auto kind = std::find_if(kinds.begin() + 1, kinds.end(),
+                                     [&](const KindSums& k) { return k.kind == image.kind; });
+            if (kind == kinds.end()) {
+                kinds.push_back({});
+                kinds.back().kind = image.kind;
+                kind = kinds.end() - 1;
+            }
+            kind->Add(image);
+        }
+    }
+    return kinds;
+}
+
+// The companion of the ARM instruction counts' table: times instead of instructions, and the
+// kind of image where the ARM table has the variant.
+void ReportKinds(const std::vector<KindSums>& kinds) {
+    std::printf(
+        "\nper kind of image on x86-64, best times; ns/px = the kind's time over its pixels; "
+        "kpng/it = kpng's time over the decoder's; geomean = of the per-file ratios\n");
+    std::printf("%-32s%6s%10s  %-12s%9s%9s%9s\n", "kind", "files", "kpix", "decoder", "ns/px",
+                "kpng/it", "geomean");
+    for (const KindSums& k : kinds) {
+        if (k.files == 0) continue;
+        bool first = true;
+        for (const auto& [d, name] : kKindColumns) {
+            if (first)
+                std::printf("%-32s%6d%10.1f  ", k.kind.c_str(), k.files, k.pixels / 1e3);
+            else
+                std::printf("%48s  ", "");
+            std::printf("%-12s%9.2f%9.2f%9.2f\n", name, k.seconds[d] / k.pixels * 1e9, k.Ratio(d),
+                        k.Geomean(d));
+            first = false;
+        }
+    }
+}
+
+void ReportGoal(const KindSums& k, double goal) {
+    const double speed = 1 / k.Ratio(kLibpng);
+    std::printf("  %-32s%6.2fx  (geomean %.2fx)  goal %.1fx: %s\n", k.kind.c_str(), speed,
+                1 / k.Geomean(kLibpng), goal, speed >= goal ? "met" : "below");
+}
+
+// kpng-memory's speed over libpng's on the whole set and on each re-encoded kind, against the
+// speed each should reach.
+void ReportGoals(const std::vector<KindSums>& kinds) {
+    std::printf("\nkpng-memory's speed over libpng's, over the kind's pixels:\n");
+    ReportGoal(kinds[0], kWholeSetGoal);
+    for (const Reencoding& r : kReencodings) {
+        for (const KindSums& k : kinds)
+            if (k.kind == r.kind && k.files > 0) ReportGoal(k, r.goal);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     setenv("GST_PLUGIN_PATH", KALPNG_PLUGIN_DIR, 0);
     gst_init(&argc, &argv);
+    // --kinds: the decode tables and the kinds only, without the inflate, memory and element parts.
+    const bool kindsOnly = argc > 1 && std::strcmp(argv[1], "--kinds") == 0;
     std::vector<Image> images;
     for (const std::string& path : BenchFiles()) {
         Image image;
@@ -425,6 +648,7 @@ int main(int argc, char** argv) {
         }
         image.width = out.width;
         image.height = out.height;
+        image.kind = KindOf(image.name);
         kau::mem::Delete(out.data);
         images.push_back(std::move(image));
     }
@@ -432,13 +656,24 @@ int main(int argc, char** argv) {
         std::printf("no images in %s/bench\n", KALPNG_TESTDATA);
         return 1;
     }
-    bool good = RunDecodeComparison(images);
-    std::printf("\ninflate, row-driven as the decoder drives it (MB/s of inflated data):\n");
-    std::vector<std::string> paths;
-    for (const Image& image : images)
-        paths.push_back(image.path);
-    good = zinbench::RunInflateComparison(paths) && good;
-    ReportWorkingMemory(images);
-    ReportElement(images);
+    bool good = RunDecodeComparison(images, "whole set");
+    if (!kindsOnly) {
+        std::printf("\ninflate, row-driven as the decoder drives it (MB/s of inflated data):\n");
+        std::vector<std::string> paths;
+        for (const Image& image : images)
+            paths.push_back(image.path);
+        good = zinbench::RunInflateComparison(paths) && good;
+        ReportWorkingMemory(images);
+        ReportElement(images);
+    }
+    std::printf(
+        "\nthe photos and the painting re-encoded (the files of optipng and zopflipng are kept in "
+        "%s; making them takes minutes):\n",
+        KALPNG_REENCODED_DIR);
+    std::vector<Image> reencoded = Reencoded(images);
+    good = RunDecodeComparison(reencoded, "re-encoded set") && good;
+    const std::vector<KindSums> kinds = SumByKind(images, reencoded);
+    ReportKinds(kinds);
+    ReportGoals(kinds);
     return good ? 0 : 1;
 }

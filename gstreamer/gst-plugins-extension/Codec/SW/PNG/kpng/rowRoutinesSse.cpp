@@ -111,6 +111,108 @@ void UnfilterPaethSse2(const unsigned char* __restrict raw, const unsigned char*
     UnfilterPaethFrom<Bpp>(raw, prior, row, i, n, left, upperLeft);
 }
 
+// Pixels of 1 or 2 bytes: each byte's predictor needs the byte just unfiltered, so each byte
+// of the pixel is one chain from the row's start to its end. The thresholds of PaethLanes, taken
+// back from the mirrored lanes to the left byte a itself, leave on that chain only a range check
+// of a and the selections it drives: a lies in [low, low + width) exactly when the predictor is b
+// or c, and from toFirst on that predictor is `first`, below it `second`. The thresholds and the
+// sums of the raw byte with b and with c are computed 16 bytes at a time in lanes, ahead of the
+// chain.
+struct PaethSteps {
+    alignas(16) int16_t low[16], width[16], toFirst[16], first[16], second[16];
+};
+
+// Lanes k to k + 7 of the steps.
+inline void SetPaethSteps(Lanes raw, Lanes upper, Lanes upperLeft, int k, PaethSteps& steps) {
+    const Lanes mirror = upper < upperLeft;
+    const Lanes b = upper ^ (mirror & 0xFF), c = upperLeft ^ (mirror & 0xFF);
+    const Lanes aBelow = c + c + c - b - b + 1, bAbove = (c + c + c - b - 1) >> 1;
+    // From aBelow to b - 1; empty, and below zero, when b equals c.
+    const Lanes width = b + b + b - c - c - c - 1;
+    const Lanes low = SelectLanes(mirror, 256 - b, aBelow);
+    const Lanes toFirst = SelectLanes(mirror, 255 - bAbove, bAbove + 1);
+    const Lanes first = (raw + SelectLanes(mirror, upperLeft, upper)) & 0xFF;
+    const Lanes second = (raw + SelectLanes(mirror, upper, upperLeft)) & 0xFF;
+    const Lanes clampedWidth = width & (width > 0);
+    memcpy(steps.low + k, &low, 16);
+    memcpy(steps.width + k, &clampedWidth, 16);
+    memcpy(steps.toFirst + k, &toFirst, 16);
+    memcpy(steps.first + k, &first, 16);
+    memcpy(steps.second + k, &second, 16);
+}
+
+// Conditional moves for the chain, whose conditions depend on the pixels: as branches they would
+// be mispredicted often, and the compiler makes branches of them.
+inline int SelectIfAtLeast(int x, int limit, int ifAtLeast, int otherwise) {
+    __asm__("cmpl %[limit], %[x]\n\tcmovgel %[ifAtLeast], %[result]"
+            : [result] "+r"(otherwise)
+            : [x] "r"(x), [limit] "rm"(limit), [ifAtLeast] "rm"(ifAtLeast)
+            : "cc");
+    return otherwise;
+}
+
+inline int SelectIfBelow(unsigned x, unsigned limit, int ifBelow, int otherwise) {
+    __asm__("cmpl %[limit], %[x]\n\tcmovbl %[ifBelow], %[result]"
+            : [result] "+r"(otherwise)
+            : [x] "r"(x), [limit] "rm"(limit), [ifBelow] "rm"(ifBelow)
+            : "cc");
+    return otherwise;
+}
+
+// Unfilters the first `count` of the 16 bytes at `raw` into `row`; all 16 raw and prior bytes
+// are readable. `left` holds the bytes of the pixel before them, `upperLeft` the upper bytes of
+// that pixel, packed from the first; both are left for the next bytes.
+template <int Bpp>
+inline void UnfilterPaethSmallBlock(const unsigned char* __restrict raw,
+                                    const unsigned char* __restrict prior,
+                                    unsigned char* __restrict row, int count, int* left,
+                                    int& upperLeft) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(raw));
+    const __m128i up = _mm_loadu_si128(reinterpret_cast<const __m128i*>(prior));
+    const __m128i upLeft = _mm_or_si128(_mm_slli_si128(up, Bpp), _mm_cvtsi32_si128(upperLeft));
+    PaethSteps steps;
+    SetPaethSteps(Lanes(_mm_unpacklo_epi8(x, zero)), Lanes(_mm_unpacklo_epi8(up, zero)),
+                  Lanes(_mm_unpacklo_epi8(upLeft, zero)), 0, steps);
+    SetPaethSteps(Lanes(_mm_unpackhi_epi8(x, zero)), Lanes(_mm_unpackhi_epi8(up, zero)),
+                  Lanes(_mm_unpackhi_epi8(upLeft, zero)), 8, steps);
+    // The steps stay in memory: one load each on the chain's side is cheaper than the lane
+    // extractions the compiler would make of them.
+    __asm__("" : : "r"(&steps) : "memory");
+    upperLeft = 0;
+    memcpy(&upperLeft, prior + count - Bpp, Bpp);
+    // Unrolled, so that the left bytes stay in registers.
+#pragma GCC unroll 16
+    for (int j = 0; j < count; j += Bpp) {
+#pragma GCC unroll 2
+        for (int k = 0; k < Bpp; ++k) {
+            const int a = left[k], s = j + k;
+            const int ownSum = uint8_t(raw[s] + a);
+            const int otherSum =
+                SelectIfAtLeast(a, steps.toFirst[s], steps.first[s], steps.second[s]);
+            left[k] = SelectIfBelow(unsigned(a - steps.low[s]), unsigned(steps.width[s]), otherSum,
+                                    ownSum);
+            row[s] = uint8_t(left[k]);
+        }
+    }
+}
+
+template <int Bpp>
+void UnfilterPaethSmall(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
+                        unsigned char* __restrict row, uint32_t n) {
+    static_assert(Bpp == 1 || Bpp == 2, "the upper-left pixel is carried in one register");
+    int left[Bpp] = {}, upperLeft = 0;
+    uint32_t i = 0;
+    for (; n >= 16 && i <= n - 16; i += 16)
+        UnfilterPaethSmallBlock<Bpp>(raw + i, prior + i, row + i, 16, left, upperLeft);
+    if (i == n) return;
+    unsigned char r[16] = {}, p[16] = {}, x[16];
+    memcpy(r, raw + i, n - i);
+    memcpy(p, prior + i, n - i);
+    UnfilterPaethSmallBlock<Bpp>(r, p, x, int(n - i), left, upperLeft);
+    memcpy(row + i, x, n - i);
+}
+
 // Each pixel but the last as one 4-byte load whose fourth byte is replaced by the alpha.
 void ExpandRgb8Tail(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
@@ -135,17 +237,41 @@ __attribute__((target("ssse3"))) void ExpandRgb8Ssse3(const unsigned char* __res
     ExpandRgb8Tail(in + 3 * i, out + 4 * i, n - i);
 }
 
+// 8-bit grey without a transparent key, whose table is the grey ramp: each pixel is its sample
+// three times and an opaque alpha, sixteen pixels per load. The last pixels go through the table.
+void ExpandGrey8Sse2(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n,
+                     const PixelKeys& keys) {
+    const __m128i alpha = _mm_set1_epi32(int(0xFF000000u));
+    uint32_t i = 0;
+    for (; n >= 16 && i <= n - 16; i += 16) {
+        const __m128i grey = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        const __m128i pairs[2] = {_mm_unpacklo_epi8(grey, grey), _mm_unpackhi_epi8(grey, grey)};
+        __m128i* pixels = reinterpret_cast<__m128i*>(out + 4 * i);
+        for (int k = 0; k < 2; ++k) {
+            _mm_storeu_si128(pixels + 2 * k,
+                             _mm_or_si128(_mm_unpacklo_epi16(pairs[k], pairs[k]), alpha));
+            _mm_storeu_si128(pixels + 2 * k + 1,
+                             _mm_or_si128(_mm_unpackhi_epi16(pairs[k], pairs[k]), alpha));
+        }
+    }
+    for (; i < n; ++i)
+        memcpy(out + 4 * i, &keys.table[in[i]], 4);
+}
+
 }  // namespace
 
 void UseSseRowRoutines(RowRoutines& r, const RowFormat& format, bool ssse3) {
     ForBytesPerPixel(format.bytesPerPixel, [&](auto bpp) {
-        if constexpr (bpp == 3 || bpp == 4)
+        if constexpr (bpp <= 2)
+            r.unfilter[kFilterPaeth] = UnfilterPaethSmall<bpp>;
+        else if constexpr (bpp == 3 || bpp == 4)
             r.unfilter[kFilterPaeth] = UnfilterPaethSse2<bpp>;
         else if constexpr (bpp >= 6)
             r.unfilter[kFilterPaeth] = UnfilterPaethLanes<bpp>;
     });
     if (ssse3 && format.colourType == 2 && format.bitDepth == 8 && !format.keyed)
         r.expand = ExpandRgb8Ssse3;
+    if (format.colourType == 0 && format.bitDepth == 8 && !format.keyed) r.expand = ExpandGrey8Sse2;
 }
 
 }  // namespace kpng
