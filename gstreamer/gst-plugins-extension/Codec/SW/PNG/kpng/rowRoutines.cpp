@@ -32,13 +32,13 @@ void ExpandPacked(const unsigned char* __restrict in, unsigned char* __restrict 
         memcpy(out + 4 * j, &keys.table[(byte >> (8 - Depth * (j + 1))) & kMask], 4);
 }
 
-// Four pixels per step, which keeps the loop's own work small beside the lookups.
+// Eight pixels per step, which keeps the loop's own work small beside the lookups.
 void ExpandBytes(const unsigned char* __restrict in, unsigned char* __restrict out, uint32_t n,
                  const PixelKeys& keys) {
     const uint32_t* table = keys.table;
     uint32_t i = 0;
-    for (; n - i >= 4; i += 4) {
-        for (uint32_t k = 0; k < 4; ++k)
+    for (; n - i >= 8; i += 8) {
+        for (uint32_t k = 0; k < 8; ++k)
             memcpy(out + 4 * (i + k), &table[in[i + k]], 4);
     }
     for (; i < n; ++i)
