@@ -233,6 +233,7 @@ Reference ReferenceDecode(const Bytes& file) {
     Reference ref;
     std::vector<png_bytep> rows;
     FILE* in = fmemopen(const_cast<unsigned char*>(file.data()), file.size(), "rb");
+    if (!in) return ref;  // no bytes at all
     ref.ok = ReadWithLibpng(in, ref, rows);
     fclose(in);
     return ref.ok ? ref : Reference{};
