@@ -1,5 +1,5 @@
 // The reason of a failed decode: the first report's place, recorded on the decoding thread,
-// and its words.
+// and its words; and the output limit, which refuses a PNG at its header.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -15,93 +15,75 @@ namespace pngtest {
 namespace {
 
 const Bytes kGood = EncodePng(RandomImage(4, 3, 8, 2, 7));  // 48 output bytes
+const Bytes kBadSignature = Join({{'X'}, Slice(kGood, 1, kGood.size())});
 
-// The good PNG with the bits of one byte inverted.
-Bytes Corrupted(size_t offset) {
-    Bytes png = kGood;
-    png[offset] ^= 0xFF;
-    return png;
-}
-
-struct FailureCase {
-    const char* name;
-    Bytes png;
-    int position;
-    const char* words;
-};
-
-TEST(DecodeFailure, FirstReportNamesTheReasonInWords) {
-    const FailureCase cases[] = {
-        {"signature", Corrupted(0), kpng::kErrSignature, "not a PNG: the signature is wrong"},
-        {"header CRC", Corrupted(29), kpng::kErrCrc, "a chunk's CRC does not match its data"},
-        {"colour type", PngWriter().Ihdr(1, 1, 8, 5).Iend().bytes(), kpng::kErrColourType,
-         "the colour type is invalid"},
-        {"critical chunk", PngWriter().Ihdr(1, 1, 8, 2).Chunk("ABCD", {}).bytes(),
-         kpng::kErrUnknownCriticalChunk, "an unknown critical chunk"},
-        {"cut short", Slice(kGood, 0, kGood.size() - 20), kpng::kErrShortInputMemory,
-         "the PNG ends early"},
-        {"corrupt zlib", PngWriter().Ihdr(1, 1, 8, 2).Idat({0x78, 0x9c, 0xff, 0xff}).Iend().bytes(),
-         kpng::kErrInflate, "the compressed image data is corrupt"},
-    };
-    for (const FailureCase& c : cases) {
-        kau::FirstReport first;
-        STImageSimple image = {};
-        Printed([&] { EXPECT_EQ(DecodePNG(c.png.data(), c.png.size(), 255, &image), 0); });
-        EXPECT_STREQ(first.FileName(), kpng::kKpngFile) << c.name;
-        EXPECT_EQ(first.Position(), c.position) << c.name;
-        EXPECT_STREQ(kpng::DescribeFailure(first.FileName(), first.Position()), c.words) << c.name;
-    }
-}
-
-TEST(DecodeFailure, RecorderIsPerThreadAndNests) {
-    const Bytes bad = Corrupted(0);
-    STImageSimple image = {};
-    kau::FirstReport outer;
-    {
-        kau::FirstReport inner;
-        Printed([&] { DecodePNG(bad.data(), bad.size(), 255, &image); });
-        EXPECT_EQ(inner.Position(), kpng::kErrSignature);
-    }
-    EXPECT_FALSE(outer.Seen());
-    std::thread other([&] { Printed([&] { DecodePNG(bad.data(), bad.size(), 255, &image); }); });
-    other.join();
-    EXPECT_FALSE(outer.Seen());
-    Printed([&] { DecodePNG(bad.data(), bad.size(), 255, &image); });
-    EXPECT_TRUE(outer.Seen());
-}
-
-TEST(DecodeFailure, UnknownPlacesAndFoundationFailures) {
+// A place's reason in words; places the decoder does not know, a catch site among them, are
+// a failure of the decoder's.
+TEST(DecodeFailure, PlacesInWords) {
     const std::tuple<const char*, int, const char*> cases[] = {
-        {"elsewhere", 1, "the decoder failed"},
+        {nullptr, 1, "the decoder failed"},
+        {"elsewhere", kpng::kErrSignature, "the decoder failed"},
         {kpng::kKpngFile, kpng::kCatchDecodeImage, "the decoder failed"},
         {kau::kKauFile, kau::kErrHeapAllocate, "there is not enough memory"},
         {kau::kKauFile, kau::kErrRoundUpOverflow, "a size is too large"}};
     for (const auto& [file, position, words] : cases)
-        EXPECT_STREQ(kpng::DescribeFailure(file, position), words) << file << " " << position;
+        EXPECT_STREQ(kpng::DescribeFailure(file, position), words) << position;
 }
 
-// An output-size limit refuses a PNG once its header is read: even one whose pixels would take
-// gigabytes is refused without taking them. (The element's tests cover the stream overload.)
-TEST(DecodeLimit, OutputOverTheLimitIsRefusedAtTheHeader) {
+// The first report names the cause, not the reports of the constructor and DecodePNG after it.
+TEST(DecodeFailure, RecorderIsPerThreadAndNests) {
+    STImageSimple image = {};
+    const auto decode = [&] {
+        Printed([&] { DecodePNG(kBadSignature.data(), kBadSignature.size(), 255, &image); });
+    };
+    kau::FirstReport outer;
+    {
+        kau::FirstReport inner;
+        decode();
+        EXPECT_EQ(inner.Position(), kpng::kErrSignature);
+    }
+    EXPECT_FALSE(outer.Seen());
+    std::thread other(decode);
+    other.join();
+    EXPECT_FALSE(outer.Seen());
+    decode();
+    EXPECT_TRUE(outer.Seen());
+}
+
+// The limit counts the bytes of the format asked for; even a PNG whose pixels would take
+// gigabytes is refused without taking them. A caller's rows must hold a row of the format.
+// (The element's tests cover the stream overload.)
+TEST(DecodeLimit, CountsTheFormatsBytesAndRefusesAtTheHeader) {
+    using kpng::OutputFormat;
     const Bytes huge = PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Zlib(Bytes{0})).Iend().bytes();
+    const int over = kpng::kErrOutputOverLimit, shortRows = kpng::kErrOutputAllocate;
     const struct {
         const Bytes& png;
+        OutputFormat format;
         uint64_t limit;
-        int result, position;
-    } cases[] = {{kGood, 0, 1, 0},
-                 {kGood, 48, 1, 0},
-                 {kGood, 47, 0, kpng::kErrOutputOverLimit},
-                 {huge, 1 << 20, 0, kpng::kErrOutputOverLimit}};
+        int position;         // 0: decoded
+        uint32_t stride = 0;  // of the caller's rows; 0: the decoder's memory
+    } cases[] = {
+        {kGood, OutputFormat::kRgba, 0, 0},      {kGood, OutputFormat::kRgba, 48, 0},
+        {kGood, OutputFormat::kRgba, 47, over},  {kGood, OutputFormat::kGray8, 12, 0},
+        {kGood, OutputFormat::kGray8, 11, over}, {kGood, OutputFormat::kRgb16, 24, 0},
+        {kGood, OutputFormat::kRgb16, 23, over}, {kGood, OutputFormat::kRgb, 36, 0},
+        {kGood, OutputFormat::kBgrx, 47, over},  {huge, OutputFormat::kRgba, 1 << 20, over},
+        {kGood, OutputFormat::kRgb, 0, 0, 12},   {kGood, OutputFormat::kRgb, 0, shortRows, 11}};
     for (const auto& c : cases) {
         kpng::DecodeOptions options;
+        options.format = c.format;
         options.maxOutputBytes = c.limit;
+        Bytes rows(c.stride * 3);
+        options.destination = c.stride ? rows.data() : nullptr;
+        options.stride = c.stride;
         kau::FirstReport first;
         STImageSimple image = {};
         Printed([&] {
-            EXPECT_EQ(DecodePNG(c.png.data(), c.png.size(), 255, &image, options), c.result);
+            EXPECT_EQ(DecodePNG(c.png.data(), c.png.size(), 255, &image, options), !c.position);
         });
-        EXPECT_EQ(first.Position(), c.position) << c.limit;
-        kau::mem::Delete(image.data);
+        EXPECT_EQ(first.Position(), c.position) << c.limit << " " << c.stride;
+        if (!c.stride) kau::mem::Delete(image.data);
     }
 }
 

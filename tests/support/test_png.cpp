@@ -8,7 +8,6 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -163,10 +162,6 @@ std::vector<std::string> DataFiles(const std::string& folder) {
     return names;
 }
 
-Bytes ReadDataFile(const std::string& folder, const std::string& name) {
-    return ReadDataFile(folder + "/" + name);
-}
-
 Bytes ReadDataFile(const std::string& folderAndName) {
     std::ifstream file(KALPNG_TESTDATA "/" + folderAndName + ".png", std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
@@ -177,7 +172,7 @@ std::vector<std::string> ConformanceAndBenchFiles(uint64_t maxBenchPixels) {
     for (const std::string& name : DataFiles("pngsuite"))
         if (name[0] != 'x') files.push_back("pngsuite/" + name);
     for (const std::string& name : DataFiles("bench")) {
-        const Bytes png = ReadDataFile("bench", name);
+        const Bytes png = ReadDataFile("bench/" + name);
         const uint64_t pixels = uint64_t{png_get_uint_32(&png[16])} * png_get_uint_32(&png[20]);
         if (pixels <= maxBenchPixels) files.push_back("bench/" + name);
     }
@@ -197,32 +192,19 @@ std::string Printed(const std::function<void()>& work) {
 
 namespace {
 
-struct MemoryReader {
-    const Bytes* png;
-    size_t at;
-};
-
-void ReadFromMemory(png_structp png, png_bytep out, png_size_t n) {
-    auto* reader = static_cast<MemoryReader*>(png_get_io_ptr(png));
-    if (reader->at + n > reader->png->size()) png_error(png, "short input");
-    memcpy(out, reader->png->data() + reader->at, n);
-    reader->at += n;
-}
-
 // libpng's reading of the file into `ref`, false when libpng refuses it. libpng leaves this
 // frame with longjmp, so everything with a destructor lives in the caller's.
-bool ReadWithLibpng(const Bytes& file, Reference& ref, std::vector<png_bytep>& rows) {
+bool ReadWithLibpng(FILE* file, Reference& ref, std::vector<png_bytep>& rows) {
     // Errors jump back to the setjmp below; warnings are dropped.
     png_structp png = png_create_read_struct(
         PNG_LIBPNG_VER_STRING, nullptr, [](png_structp p, png_const_charp) { png_longjmp(p, 1); },
         [](png_structp, png_const_charp) {});
     png_infop info = png_create_info_struct(png);
-    MemoryReader reader{&file, 0};
     if (setjmp(png_jmpbuf(png))) {
         png_destroy_read_struct(&png, &info, nullptr);
         return false;
     }
-    png_set_read_fn(png, &reader, ReadFromMemory);
+    png_init_io(png, file);
     png_read_info(png, info);
     // The decoder's expansion: palette, low-depth grey and tRNS keys expanded, 16-bit samples
     // cut to their high byte, grey repeated, opaque pixels 255. (libpng matches an 8-bit
@@ -250,7 +232,10 @@ bool ReadWithLibpng(const Bytes& file, Reference& ref, std::vector<png_bytep>& r
 Reference ReferenceDecode(const Bytes& file) {
     Reference ref;
     std::vector<png_bytep> rows;
-    ref.ok = ReadWithLibpng(file, ref, rows);
+    FILE* in = fmemopen(const_cast<unsigned char*>(file.data()), file.size(), "rb");
+    if (!in) return ref;  // no bytes at all
+    ref.ok = ReadWithLibpng(in, ref, rows);
+    fclose(in);
     return ref.ok ? ref : Reference{};
 }
 

@@ -72,7 +72,7 @@ inline constexpr Format kEveryFormat[] = {{0, 1}, {0, 2},  {0, 4},  {0, 8}, {0, 
 RawImage RandomImage(uint32_t width, uint32_t height, int depth, int colourType, uint32_t seed);
 
 // The filtered scanlines of an image, Adam7 passes in order when interlaced; scanline i gets
-// filter type filterOf(i).
+// filter type filterOf(i) (types above 4 leave the bytes as they are).
 Bytes Scanlines(const RawImage& image, bool interlaced, const std::function<int(int)>& filterOf);
 
 // A complete PNG of the image with optional PLTE and tRNS data, its zlib data (made at the
@@ -90,19 +90,16 @@ Bytes EncodePng(const RawImage& image, const PngOptions& options = {});
 inline const std::string kModules =
     "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/";
 
-// The names (without ".png") of the PNG files in a folder of the test data, sorted, and the
-// bytes of one of them.
+// The sorted names (without ".png") of the PNG files in a folder of the test data; the bytes of
+// one named folder/name; and the valid PngSuite files and the benchmark images of at most
+// `maxBenchPixels` as folder/name, a bound that keeps a table of formats quick.
 std::vector<std::string> DataFiles(const std::string& folder);
-Bytes ReadDataFile(const std::string& folder, const std::string& name);
-// The valid PngSuite files and the benchmark images of at most `maxBenchPixels`, as
-// folder/name: a bound that keeps a table of formats quick.
-std::vector<std::string> ConformanceAndBenchFiles(uint64_t maxBenchPixels);
 Bytes ReadDataFile(const std::string& folderAndName);
+std::vector<std::string> ConformanceAndBenchFiles(uint64_t maxBenchPixels);
 
-// The report a catch site prints for an error raised at `file` +`position`.
+// The report a catch site prints for an error raised at `file` +`position`; stdout printed
+// while `work` runs.
 std::string Report(const std::string& file, int position);
-
-// Stdout printed while `work` runs.
 std::string Printed(const std::function<void()>& work);
 
 // libpng's pixels in R, G, B, A (palette entries without tRNS alpha opaque, as with a
