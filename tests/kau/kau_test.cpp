@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -28,8 +29,7 @@ TEST(Report, EachArmPrintsItsPlace) {
         {[] { kau::Error::Throw("lib/where", 12); }, "\n?!exception@ lib/where +12 !?\n\n\n"},
         {[] { throw kau::Error(nullptr, 3, -1); }, "\n?!exception@  +3 !?\n\n\n"},
         {[] { throw "boom"; }, "\n?!boom@ site/file +7 !?\n\n\n"},
-        {[] { throw static_cast<const char*>(nullptr); }, "\n?!exception@ site/file +7 !?\n\n\n"},
-    };
+        {[] { throw static_cast<const char*>(nullptr); }, "\n?!exception@ site/file +7 !?\n\n\n"}};
     for (const auto& [raise, expected] : cases) {
         testing::internal::CaptureStdout();
         try {
@@ -116,8 +116,7 @@ TEST_F(Hooks, FailuresRaiseAtTheirPositions) {
         {true, [&] { heap.Reallocate(block, 64); }, kau::kErrHeapAllocate},
         {true, [] { kau::PageArray pages(16, 4); }, kau::kErrPageTableAllocate},
         {true, [] { kau::PageArray(0, 4).AddPage(); }, kau::kErrPageTableGrow},
-        {true, [&] { roomy.AddPage(); }, kau::kErrPageAllocate},
-    };
+        {true, [&] { roomy.AddPage(); }, kau::kErrPageAllocate}};
     std::string reports;
     testing::internal::CaptureStdout();
     for (const auto& [hookRaises, call, position] : cases) {
@@ -145,8 +144,7 @@ TEST(Primitives, ComparisonsAndSearches) {
     const std::tuple<const void*, const void*, unsigned long, int> bytes[] = {
         {nullptr, nullptr, 3, 0}, {nullptr, "abc", 3, -1}, {"abc", nullptr, 3, 1},
         {"abc", "abd", 3, -1},    {"abd", "abc", 3, 1},    {"abc", "abd", 2, 0},
-        {"abc", "abd", 0, 0},     {"\xff", "a", 1, 1},
-    };
+        {"abc", "abd", 0, 0},     {"\xff", "a", 1, 1}};
     for (const auto& [x, y, n, expected] : bytes)
         EXPECT_EQ(kau::mem::Compare(x, y, n), expected) << n;
     const std::tuple<const char*, const char*, int> strings[] = {
@@ -157,8 +155,7 @@ TEST(Primitives, ComparisonsAndSearches) {
     const std::tuple<const char*, const char*, bool> ends[] = {
         {"image.PNG", ".png", true}, {"image.png", ".PNG", true}, {"abc", "", true},
         {"ab", "abc", false},        {nullptr, "a", false},       {"a", nullptr, false},
-        {"x[", "x{", false},         {"x@", "x`", false},         {"abc", "abd", false},
-    };
+        {"x[", "x{", false},         {"x@", "x`", false},         {"abc", "abd", false}};
     for (const auto& [s, end, expected] : ends)
         EXPECT_EQ(kau::mem::StrEndsWith(s, end), expected) << (s ? s : "null");
     const char* s = "abc";
@@ -168,16 +165,14 @@ TEST(Primitives, ComparisonsAndSearches) {
     EXPECT_EQ(kau::mem::AtStr(nullptr, nullptr), nullptr);
     EXPECT_EQ(kau::mem::AtChar(s, 'c', 3), s + 2);
     EXPECT_EQ(kau::mem::AtChar(s, 'c', 2), nullptr);
-    EXPECT_EQ(kau::mem::AtChar(nullptr, 'c', 3), nullptr);
-    EXPECT_EQ(kau::mem::StrLen(nullptr), 0u);
 }
 
 TEST(Primitives, FillsAndCopiesCountWordsOfFourBytes) {
     Bytes buf(9, 0xEE);
     kau::mem::Set32(buf.data(), 0x12345678, 2);
     kau::mem::Set8(buf.data(), 7, 3);
-    kau::mem::Zero32(buf.data() + 4, 1);
-    EXPECT_EQ(buf, (Bytes{7, 7, 7, 0x78, 0, 0, 0, 0, 0xEE})) << "Set32 is a byte fill";
+    kau::mem::Zero32(buf.data() + 5, 1);
+    EXPECT_EQ(buf, (Bytes{7, 7, 7, 0x78, 0x78, 0, 0, 0, 0})) << "Set32 is a byte fill";
     kau::mem::Copy32(buf.data() + 1, "abcdefgh", 2);
     kau::mem::Zero8(buf.data(), 2);
     EXPECT_EQ(buf, (Bytes{0, 0, 'b', 'c', 'd', 'e', 'f', 'g', 'h'}));
@@ -216,6 +211,7 @@ TEST(PageArray, ShrinkingFromTheEnd) {
     kau::PageArray pages(16, 4);
     pages.PushBytes(Bytes(10).data(), 10);
     EXPECT_EQ(pages.SetByteCountInLastPage(5), 0);
+    EXPECT_EQ(pages.SetByteCountInLastPage(4), 1) << "a whole page";
     EXPECT_EQ(pages.SetByteCountInLastPage(1), 1);
     EXPECT_EQ(pages.Size(), 9u);
     EXPECT_EQ(pages.DeleteLastPage(), 1);
@@ -250,20 +246,14 @@ Bytes Elements(const std::vector<uint32_t>& keys, unsigned long width) {
 // Up to 8 elements are sorted by selection alone, which compares every pair once.
 TEST(Sort, AgreesWithStdSort) {
     std::mt19937 rng(11);
-    std::vector<std::function<uint32_t(uint32_t, uint32_t)>> shapes = {
-        [&](uint32_t, uint32_t) { return rng() % 2; },
-        [&](uint32_t, uint32_t) { return rng(); },
-        [](uint32_t i, uint32_t) { return i; },
-        [](uint32_t i, uint32_t n) { return n - i; },
-        [](uint32_t i, uint32_t n) { return i < n / 2 ? i : n - i; },
-        [](uint32_t, uint32_t) { return 5u; },
-    };
     for (unsigned long width : {4ul, 5ul, 13ul})
         for (uint32_t count : {0u, 1u, 2u, 3u, 8u, 9u, 10u, 31u, 1000u, 4000u})
-            for (size_t shape = 0; shape < shapes.size(); ++shape) {
+            for (size_t shape = 0; shape < 6; ++shape) {
                 std::vector<uint32_t> keys(count);
                 for (uint32_t i = 0; i < count; ++i)
-                    keys[i] = shapes[shape](i, count);
+                    keys[i] = std::array<uint32_t, 6>{
+                        uint32_t(rng() % 2), uint32_t(rng()),        i,
+                        count - i,           std::min(i, count - i), 5}[shape];
                 auto elements = Elements(keys, width);
                 compares = 0;
                 kau::Sort(elements.data(), count, width, CompareKeys);

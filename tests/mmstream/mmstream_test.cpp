@@ -42,8 +42,7 @@ TEST(Attri, ConstructorsFillTheRecordOrLeaveItUntouched) {
         {MMAttriFromTag(&r[5], mmIdWidth, MMAttriTagNone), kBefore},
         {MMAttriFromI32(&r[6], mmIdWidth, -5), {mmIdWidth, MMAttriTagI32, ~uintptr_t{4}, 77}},
         {MMAttriFromU32(&r[7], mmIdWidth, ~0ul), {mmIdWidth, MMAttriTagU32, 0xFFFFFFFF, 77}},
-        {MMAttriFromString(&r[8], mmIdData, buffer), Any(mmIdData, buffer, 8)},
-    };
+        {MMAttriFromString(&r[8], mmIdData, buffer), Any(mmIdData, buffer, 8)}};
     for (size_t i = 0; i < std::size(cases); ++i) {
         const bool refused = Fields(cases[i].second) == Fields(kBefore);
         EXPECT_EQ(cases[i].first, refused ? nullptr : &r[i]) << i;
@@ -154,8 +153,7 @@ TEST_P(Streams, Seek) {
         {MMStreamSeekFromCurrent, 100, 1, 10, 1, 104},
         {MMStreamSeekFromBegin, -2, 1, -2, 0, 4},
         {MMStreamSeekFromBegin, static_cast<long>(0x100000003ll), 1, 3, 1, 3},  // 32 bits count
-        {static_cast<MMStreamSeekFrom>(3), 1, 0, 4, 0, 4},
-    };
+        {static_cast<MMStreamSeekFrom>(3), 1, 0, 4, 0, 4}};
     for (const auto& [from, offset, memResult, memAt, fileResult, fileAt] : cases) {
         ASSERT_EQ(s_->Seek(4, MMStreamSeekFromBegin), 1);
         EXPECT_EQ(s_->Seek(offset, from), file_ ? fileResult : memResult) << offset;
@@ -170,12 +168,10 @@ TEST_P(Streams, ReadWriteAndStartOver) {
     // position moved, a file writes when its mode allows (by default "rb"). Columns: the Puts'
     // answers with the position between, size, content, size after Null and Ready.
     const std::tuple<unsigned, unsigned, unsigned, unsigned long, std::string, unsigned long>
-        expected[] = {
-            {3, 8, 2, 10, "01234abcAB", 10},
-            {8, 13, 10, 23, "0123456789abcABCDEFGHIJ", 0},  // Null empties a page array
-            {0, 5, 0, 10, "0123456789", 0xDEAD},            // a removed file cannot reopen
-            {3, 8, 10, 18, "01234abcABCDEFGHIJ", 0xDEAD},
-        };
+        expected[] = {{3, 8, 2, 10, "01234abcAB", 10},
+                      {8, 13, 10, 23, "0123456789abcABCDEFGHIJ", 0},  // Null empties a page array
+                      {0, 5, 0, 10, "0123456789", 0xDEAD},  // a removed file cannot reopen
+                      {3, 8, 10, 18, "01234abcABCDEFGHIJ", 0xDEAD}};
     const auto& [first, position, second, size, content, sizeAfterNull] = expected[kind_];
     EXPECT_EQ(Read(4), "0123");
     EXPECT_EQ(Size(), 10u);
@@ -214,8 +210,7 @@ TEST(Streams, ReadyRefusesWhatTheKindCannotWorkFrom) {
         {MMPageArrayStream::New, Tagged(mmIdPageSize, MMAttriTagU32), 1},  // default pages
         {MMFileStream::New, Any(mmIdData), 0},
         {MMFileStream::New, Any(mmIdFileName, name, sizeof name), 0},
-        {MMFileStream::New, Any(mmIdFileName, unterminated, 3), 0},
-    };
+        {MMFileStream::New, Any(mmIdFileName, unterminated, 3), 0}};
     for (const auto& [factory, record, ready] : cases) {
         std::unique_ptr<MMStream> s(factory(&record, 1));
         EXPECT_EQ(s->Play() + s->Ready(), 2 * ready) << record.name;

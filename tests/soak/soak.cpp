@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
@@ -66,18 +67,13 @@ Frame MakeFrame(int index, bool tolerant) {
 }
 
 long ResidentKilobytes() {
-    FILE* status = fopen("/proc/self/status", "r");
-    if (!status) return -1;
-    char line[256];
-    long kb = -1;
-    while (fgets(line, sizeof line, status))
-        if (sscanf(line, "VmRSS: %ld kB", &kb) == 1) break;
-    fclose(status);
-    return kb;
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmRSS:", 0) == 0) return atol(line.c_str() + 6);
+    return -1;
 }
 
-class Soak {
-  public:
+struct Soak {
     explicit Soak(bool tolerant) : tolerant_(tolerant) {
         const std::string description =
             std::string("appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! ") +
@@ -86,7 +82,6 @@ class Soak {
         pipeline_ = gst_parse_launch(description.c_str(), nullptr);
         if (!pipeline_) Fatal("cannot build the pipeline (is GST_PLUGIN_PATH right?)");
         src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
-        sink_ = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
         bus_ = gst_element_get_bus(pipeline_);
         // Samples are taken as they arrive rather than pulled: a pull answers at once while
         // appsink still remembers the end-of-stream that followed an error, even after the
@@ -96,20 +91,19 @@ class Soak {
             g_async_queue_push(static_cast<GAsyncQueue*>(samples), gst_app_sink_pull_sample(sink));
             return GST_FLOW_OK;
         };
-        gst_app_sink_set_callbacks(GST_APP_SINK(sink_), &callbacks, samples_, nullptr);
+        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
+        gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, samples_, nullptr);
+        gst_object_unref(sink);
         Start();
     }
 
     ~Soak() {
         gst_element_set_state(pipeline_, GST_STATE_NULL);
         gst_object_unref(bus_);
-        gst_object_unref(sink_);
         gst_object_unref(src_);
         gst_object_unref(pipeline_);
         g_async_queue_unref(samples_);
     }
-
-    int Warnings() const { return warnings_; }
 
     // Pushes one frame in one to three buffers; true when it came out (or, for a corrupt
     // frame, when the stream stopped with an error or went on after a warning; a cut frame
@@ -123,12 +117,9 @@ class Soak {
             if (at == 0) GST_BUFFER_PTS(buffer) = index * kFrameDuration;
             gst_app_src_push_buffer(GST_APP_SRC(src_), buffer);
         }
-        if (frame.cut) return true;
-        if (!frame.corrupt) return AwaitFrame(frame);
-        return tolerant_ ? AwaitWarning() : AwaitError();
+        return frame.cut || (frame.corrupt ? AwaitProblem() : AwaitFrame(frame));
     }
 
-  private:
     [[noreturn]] static void Fatal(const char* what) {
         fprintf(stderr, "kalpng-soak: %s\n", what);
         exit(2);
@@ -150,14 +141,6 @@ class Soak {
         return clean;
     }
 
-    bool AwaitWarning() {
-        GstMessage* message = gst_bus_timed_pop_filtered(bus_, kWait, GST_MESSAGE_WARNING);
-        if (!message) return false;
-        gst_message_unref(message);
-        ++warnings_;
-        return true;
-    }
-
     // The frame's sample, of its size, arrived with no error on the bus.
     bool AwaitFrame(const Frame& frame) {
         auto* sample =
@@ -173,12 +156,15 @@ class Soak {
                size == size_t{frame.width} * frame.height * 4;
     }
 
-    // The chain's GST_FLOW_ERROR reaches the bus as appsrc's error; the input then stays
-    // stuck until READY -> PAUSED gives the element a fresh one.
-    bool AwaitError() {
-        GstMessage* message = gst_bus_timed_pop_filtered(bus_, kWait, GST_MESSAGE_ERROR);
+    // A warning lets the stream go on. The chain's GST_FLOW_ERROR reaches the bus as appsrc's
+    // error; the input then stays stuck until READY -> PAUSED gives the element a fresh one.
+    bool AwaitProblem() {
+        const GstMessageType type = tolerant_ ? GST_MESSAGE_WARNING : GST_MESSAGE_ERROR;
+        GstMessage* message = gst_bus_timed_pop_filtered(bus_, kWait, type);
         if (!message) return false;
         gst_message_unref(message);
+        warnings_ += tolerant_;
+        if (tolerant_) return true;
         gst_element_set_state(pipeline_, GST_STATE_READY);
         gst_bus_set_flushing(bus_, TRUE);
         gst_bus_set_flushing(bus_, FALSE);
@@ -190,7 +176,6 @@ class Soak {
     int warnings_ = 0;
     GstElement* pipeline_;
     GstElement* src_;
-    GstElement* sink_;
     GstBus* bus_;
     GAsyncQueue* samples_ = g_async_queue_new_full(GDestroyNotify(gst_sample_unref));
 };
@@ -220,7 +205,7 @@ int main(int argc, char** argv) {
                        ResidentKilobytes());
             fflush(stdout);
         }
-        warnings = soak.Warnings();
+        warnings = soak.warnings_;
     }
     gst_deinit();
     printf("%d frames: %d decoded, %d errors (expected %d), %d cut, %d warnings, %d wrong\n",
