@@ -62,18 +62,6 @@ std::vector<std::string> BenchFiles() {
     return paths;
 }
 
-Bytes ReadFile(const std::string& path) {
-    Bytes bytes;
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        unsigned char buffer[65536];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0)
-            bytes.insert(bytes.end(), buffer, buffer + n);
-        std::fclose(f);
-    }
-    return bytes;
-}
-
 // A page-array stream holding the PNG, as the element's input keeps it.
 MMStream* PageArrayStream(const Bytes& png) {
     MMAttri attributes[2] = {};
@@ -640,7 +628,7 @@ int main(int argc, char** argv) {
         Image image;
         image.path = path;
         image.name = path.substr(path.find_last_of('/') + 1);
-        image.png = ReadFile(path);
+        image.png = reencode::ReadFile(path);
         STImageSimple out{};
         if (!DecodePNG(image.png.data(), image.png.size(), 255, &out)) {
             std::printf("%s: DecodePNG failed\n", image.name.c_str());

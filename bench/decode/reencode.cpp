@@ -13,18 +13,6 @@
 namespace reencode {
 namespace {
 
-Bytes ReadFile(const std::string& path) {
-    Bytes bytes;
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        unsigned char buffer[65536];
-        size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0)
-            bytes.insert(bytes.end(), buffer, buffer + n);
-        std::fclose(f);
-    }
-    return bytes;
-}
-
 bool WriteFile(const std::string& path, const Bytes& bytes) {
     FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) return false;
@@ -70,6 +58,18 @@ bool Run(const std::vector<std::string>& argv) {
 }
 
 }  // namespace
+
+Bytes ReadFile(const std::string& path) {
+    Bytes bytes;
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        unsigned char buffer[65536];
+        size_t n;
+        while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0)
+            bytes.insert(bytes.end(), buffer, buffer + n);
+        std::fclose(f);
+    }
+    return bytes;
+}
 
 Pixels RgbOf(const Bytes& rgba, uint32_t width, uint32_t height) {
     Pixels rgb{width, height, 3, {}};

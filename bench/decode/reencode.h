@@ -20,6 +20,9 @@ struct Pixels {
     Bytes samples;
 };
 
+// The bytes of a file; empty when it cannot be read.
+Bytes ReadFile(const std::string& path);
+
 // The colour of RGBA pixels, alpha left out.
 Pixels RgbOf(const Bytes& rgba, uint32_t width, uint32_t height);
 
