@@ -486,6 +486,16 @@ INSTANTIATE_TEST_SUITE_P(Formats, EveryFormat, testing::ValuesIn(kEveryFormat),
                                     std::to_string(info.param.depth);
                          });
 
+// Rows read where the image data is inflated ahead of them, around the end of its first 96 KiB:
+// 8-bit grey rows of 16383 bytes (and their filter byte) end on it, rows of 19660 bytes one byte
+// past it and rows of 19659 bytes just before it.
+TEST(LookAhead, RowsAroundTheEndOfTheInflatedDataDecodeLikeTheReference) {
+    for (const uint32_t width : {16383u, 19659u, 19660u}) {
+        const Bytes png = EncodePng(RandomImage(width, 8, 8, 0, width));
+        EXPECT_TRUE(DecodeBothWays(png).rgba == ReferenceDecode(png).rgba) << width;
+    }
+}
+
 // A one-row image from its scanline (filter byte first).
 Bytes OneRow(uint32_t width, int depth, int type, const Bytes& scanline, const Bytes& trns = {}) {
     PngWriter png;
@@ -574,7 +584,7 @@ TEST(OutputSize, WrappingSizesFailLikeAFailedAllocation) {
         {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 1, 109, 0},
         {0x10000, 0x10000, 1, 0, 0, 100, 0},
         {1, 0x7FFFFFFF, 16, 6, 1, 109, 0},
-        {0x1FFFFFC3, 2, 16, 6, 0, 100, 0xFFFFFE18ul},  // 16-bit rows need no room beyond
+        {0x1FFFFFC3, 2, 16, 6, 0, 100, 0xFFFFFE18ul},  // 16-bit rows need no room past the output
         {536870851, 1, 1, 0, 0, 100, 536870851ul * 4},
     };
     for (const auto& c : cases) {

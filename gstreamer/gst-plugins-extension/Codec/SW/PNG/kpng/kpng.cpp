@@ -417,9 +417,10 @@ void Decoder::InflateInto(unsigned char* out, uint32_t n) {
 }
 
 // The next n bytes of image data where the look-ahead buffer holds them all, else copied into
-// `copy` by InflateInto: the same bytes, and the same fetches of image data, either way.
+// `copy` by InflateInto, which also meets the end of the image data (nothing is held after it):
+// the same bytes, and the same fetches of image data, either way.
 const unsigned char* Decoder::InflateRow(unsigned char* copy, uint32_t n) {
-    if (rowDataTaken >= rowDataAfterEnd || inflatedEnd - inflatedNext < n) {
+    if (inflatedEnd - inflatedNext < n) {
         InflateInto(copy, n);
         return copy;
     }
