@@ -1,9 +1,7 @@
-// kalpng_dec's output formats in real pipelines: each format downstream asks for comes out as
-// videoconvert makes it from the element's RGBA frames, in the element's own buffers and in a
-// downstream pool whose rows are padded. GStreamer is started by this executable's test
-// environment.
-#include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
+// kalpng_dec's output formats: each format downstream asks for comes out as videoconvert makes
+// it from the element's RGBA frames, in the element's own buffers and in a downstream pool whose
+// rows are padded. GStreamer is started by this executable's test environment.
+#include <gst/check/gstharness.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
@@ -19,26 +17,15 @@ namespace {
 
 using pngtest::Bytes;
 
-// The decoder's own tests take the benchmark images' layouts at full size; here the icons carry
-// them through the pipeline, so that the table of formats stays quick.
-constexpr uint64_t kMaxBenchPixels = 128 * 128;
-
-std::vector<Bytes> TestFiles() {
-    std::vector<Bytes> files;
-    for (const std::string& file : pngtest::ConformanceAndBenchFiles(kMaxBenchPixels))
-        files.push_back(pngtest::ReadDataFile(file));
-    return files;
-}
-
 // A frame as the sink got it: its format and its rows without any padding.
 struct Frame {
     std::string format;
-    guint width = 0, height = 0;
+    guint width = 0;
     Bytes rows;
 };
 
-// Offers downstream's own pool, whose rows are padded by 3 pixels and whose buffers carry their
-// layout in a GstVideoMeta.
+// Offers downstream's own pool, whose rows are padded by 3 pixels: the element must ask for the
+// GstVideoMeta that carries their layout.
 GstPadProbeReturn OfferPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
     GstQuery* query = GST_PAD_PROBE_INFO_QUERY(info);
     if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) return GST_PAD_PROBE_OK;
@@ -49,7 +36,6 @@ GstPadProbeReturn OfferPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
     GstBufferPool* pool = gst_video_buffer_pool_new();
     GstStructure* config = gst_buffer_pool_get_config(pool);
     gst_buffer_pool_config_set_params(config, caps, guint(video.size), 0, 0);
-    gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
     gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_ALIGNMENT);
     GstVideoAlignment align;
     gst_video_alignment_reset(&align);
@@ -57,75 +43,46 @@ GstPadProbeReturn OfferPaddedPool(GstPad*, GstPadProbeInfo* info, gpointer) {
     gst_buffer_pool_config_set_video_alignment(config, &align);
     gst_buffer_pool_set_config(pool, config);
     gst_query_add_allocation_pool(query, pool, guint(video.size), 0, 0);
-    gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
     gst_object_unref(pool);
     return GST_PAD_PROBE_HANDLED;
 }
 
-// The frames of the PNGs through "kalpng_dec <properties> ! <downstream> ! appsink", and the
-// format the element chose.
+// The frames of the PNGs, one a buffer, through "kalpng_dec <properties> ! <downstream>", in a
+// pool of downstream's with padded rows when asked.
 std::vector<Frame> Decode(const std::vector<Bytes>& pngs, const std::string& downstream,
-                          bool paddedPool, std::string* chosen = nullptr,
-                          const std::string& properties = "") {
-    const std::string description = "appsrc name=src caps=image/png,framerate=25/1 ! kalpng_dec "
-                                    "name=dec " + properties + " ! " + downstream +
-                                    " ! appsink name=sink sync=false";
-    GError* error = nullptr;
-    GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
-    if (error) {
-        ADD_FAILURE() << error->message;
-        g_error_free(error);
-        gst_clear_object(&pipeline);
-        return {};
-    }
-    GstElement* src = gst_bin_get_by_name(GST_BIN(pipeline), "src");
-    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+                          bool paddedPool, const std::string& properties = "") {
+    GstHarness* h =
+        gst_harness_new_parse(("kalpng_dec " + properties + " ! " + downstream).c_str());
+    gst_harness_set_src_caps_str(h, "image/png,framerate=25/1");
     if (paddedPool) {
-        GstPad* pad = gst_element_get_static_pad(sink, "sink");
-        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, OfferPaddedPool, nullptr,
+        gst_pad_add_probe(h->sinkpad, GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, OfferPaddedPool, nullptr,
                           nullptr);
-        gst_object_unref(pad);
     }
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    for (const Bytes& png : pngs)
-        gst_app_src_push_buffer(GST_APP_SRC(src), gst_buffer_new_memdup(png.data(), png.size()));
-    gst_app_src_end_of_stream(GST_APP_SRC(src));
     std::vector<Frame> frames;
-    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 60 * GST_SECOND)) {
+    for (const Bytes& png : pngs) {
+        EXPECT_EQ(gst_harness_push(h, gst_buffer_new_memdup(png.data(), png.size())), GST_FLOW_OK);
+        GstBuffer* buffer = gst_harness_try_pull(h);
+        if (!buffer) continue;
         GstVideoInfo info;
-        gst_video_info_from_caps(&info, gst_sample_get_caps(sample));
-        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        GstCaps* caps = gst_pad_get_current_caps(h->sinkpad);
+        gst_video_info_from_caps(&info, caps);
+        gst_caps_unref(caps);
         // Both the element's pool and downstream's give frames their layout.
         EXPECT_NE(gst_buffer_get_video_meta(buffer), nullptr);
         GstVideoFrame video;
         EXPECT_TRUE(gst_video_frame_map(&video, &info, buffer, GST_MAP_READ));
-        Frame frame{GST_VIDEO_INFO_NAME(&info), guint(info.width), guint(info.height), {}};
+        Frame frame{GST_VIDEO_INFO_NAME(&info), guint(info.width), {}};
         const size_t rowBytes = size_t(GST_VIDEO_INFO_COMP_PSTRIDE(&info, 0)) * info.width;
-        for (guint y = 0; y < frame.height; ++y) {
-            const auto* row = static_cast<const unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&video, 0)) +
-                              size_t(y) * GST_VIDEO_FRAME_PLANE_STRIDE(&video, 0);
-            frame.rows.insert(frame.rows.end(), row, row + rowBytes);
-        }
-        if (paddedPool) {
-            EXPECT_GT(size_t(GST_VIDEO_FRAME_PLANE_STRIDE(&video, 0)), rowBytes);
-        }
+        const size_t stride = size_t(GST_VIDEO_FRAME_PLANE_STRIDE(&video, 0));
+        EXPECT_TRUE(!paddedPool || stride > rowBytes);
+        const auto* data = static_cast<const unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&video, 0));
+        for (int y = 0; y < info.height; ++y)
+            frame.rows.insert(frame.rows.end(), data + y * stride, data + y * stride + rowBytes);
         gst_video_frame_unmap(&video);
-        gst_sample_unref(sample);
+        gst_buffer_unref(buffer);
         frames.push_back(std::move(frame));
     }
-    if (chosen) {
-        GstElement* dec = gst_bin_get_by_name(GST_BIN(pipeline), "dec");
-        GstPad* pad = gst_element_get_static_pad(dec, "src");
-        GstCaps* caps = gst_pad_get_current_caps(pad);
-        *chosen = gst_structure_get_string(gst_caps_get_structure(caps, 0), "format");
-        gst_caps_unref(caps);
-        gst_object_unref(pad);
-        gst_object_unref(dec);
-    }
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(src);
-    gst_object_unref(sink);
-    gst_object_unref(pipeline);
+    gst_harness_teardown(h);
     return frames;
 }
 
@@ -153,22 +110,24 @@ struct FormatCase {
     const char* format;
     int tolerance;  // from videoconvert's rounding and dithering
 };
-constexpr FormatCase kFormats[] = {{"RGBA", 0}, {"BGRA", 0}, {"ARGB", 0}, {"ABGR", 0},
-                                   {"RGBx", 0}, {"BGRx", 0}, {"xRGB", 0}, {"xBGR", 0},
+constexpr FormatCase kFormats[] = {{"RGBA", 0}, {"BGRA", 0}, {"ARGB", 0},  {"ABGR", 0},
+                                   {"RGBx", 0}, {"BGRx", 0}, {"xRGB", 0},  {"xBGR", 0},
                                    {"RGB", 0},  {"BGR", 0},  {"RGB16", 1}, {"GRAY8", 1}};
 
 class OutputFormat : public testing::TestWithParam<FormatCase> {};
 
-// Every PngSuite image and the benchmark icons, in the element's own buffers and in
-// downstream's padded ones, equal videoconvert's conversion of the element's RGBA frame, which
-// the element gives videoconvert because it takes RGBA.
+// Every PngSuite image and the benchmark icons of at most 128 x 128 pixels, in the element's own
+// buffers and in downstream's padded ones, equal videoconvert's conversion of the element's RGBA
+// frames (the element gives videoconvert RGBA, since it takes that).
 TEST_P(OutputFormat, EqualsVideoconvertOfTheRgbaFrames) {
-    static const std::vector<Bytes> files = TestFiles();
-    const std::string caps = std::string("video/x-raw,format=") + GetParam().format;
-    std::string chosenForVideoconvert;
-    const std::vector<Frame> reference =
-        Decode(files, "videoconvert ! " + caps, false, &chosenForVideoconvert);
-    EXPECT_EQ(chosenForVideoconvert, "RGBA");
+    static const std::vector<Bytes> files = [] {
+        std::vector<Bytes> files;
+        for (const std::string& file : pngtest::ConformanceAndBenchFiles(128 * 128))
+            files.push_back(pngtest::ReadDataFile(file));
+        return files;
+    }();
+    const std::string caps = std::string("capsfilter caps=video/x-raw,format=") + GetParam().format;
+    const std::vector<Frame> reference = Decode(files, "videoconvert ! " + caps, false);
     ASSERT_EQ(reference.size(), files.size());
     for (bool padded : {false, true}) {
         SCOPED_TRACE(padded ? "downstream's padded pool" : "the element's pool");
@@ -191,19 +150,15 @@ INSTANTIATE_TEST_SUITE_P(Formats, OutputFormat, testing::ValuesIn(kFormats),
                          [](const auto& info) { return std::string(info.param.format); });
 
 // The frame limit counts the bytes of the format downstream takes: a 40 x 40 frame is 1600
-// bytes in GRAY8 and 3200 in RGB16 (its PNG far fewer). A PNG over the limit is skipped
-// (max-errors=-1).
+// bytes in GRAY8 and 3200 in RGB16 (its PNG far fewer). A PNG over the limit is skipped.
 TEST(OutputFormatLimit, CountsTheBytesOfTheNegotiatedFormat) {
-    pngtest::RawImage black;
-    black.width = black.height = 40;
-    black.pixels.assign(black.RowBytes(40) * 40, 0);
-    const Bytes png = pngtest::EncodePng(black);
+    const Bytes png = pngtest::EncodePng({40, 40, 8, 2, Bytes(40 * 40 * 3)});
     for (const auto& [format, limit, frames] :
          {std::tuple{"GRAY8", 1600, 1u}, {"RGB16", 3199, 0u}, {"RGB16", 3200, 1u}}) {
-        const std::string properties =
-            "max-errors=-1 max-frame-bytes=" + std::to_string(limit);
-        EXPECT_EQ(Decode({png}, std::string("video/x-raw,format=") + format, false, nullptr,
-                         properties).size(),
+        const std::string properties = "max-errors=-1 max-frame-bytes=" + std::to_string(limit);
+        EXPECT_EQ(Decode({png}, std::string("capsfilter caps=video/x-raw,format=") + format, false,
+                         properties)
+                      .size(),
                   frames)
             << format << " " << limit;
     }
