@@ -40,9 +40,6 @@ class GstEnvironment : public ::testing::Environment {
         gst_registry_fork_set_enabled(FALSE);
         gst_init(nullptr, nullptr);
     }
-    // The pipelines' streaming threads are joined before the process exits, so that the leak
-    // checker, which stops every thread at exit, finds none on its way out.
-    void TearDown() override { gst_task_cleanup_all(); }
 };
 
 [[maybe_unused]] ::testing::Environment* const environment =
