@@ -11,6 +11,7 @@ namespace kau::cpu {
 struct Features {
     bool ssse3 = false;   // x86: byte shuffles
     bool pclmul = false;  // x86: carry-less multiply
+    bool bmi2 = false;    // x86: shifts by a count in any register, masks of any width
     bool neon = false;    // ARM: Advanced SIMD (always there on 64-bit ARM)
     bool crc32 = false;   // ARM: the ARMv8 CRC-32 instructions
 };
@@ -23,6 +24,7 @@ inline Features ProbeOnce() {
     __builtin_cpu_init();
     f.ssse3 = __builtin_cpu_supports("ssse3") != 0;
     f.pclmul = __builtin_cpu_supports("pclmul") != 0;
+    f.bmi2 = __builtin_cpu_supports("bmi2") != 0;
 #elif defined(__aarch64__)
     f.neon = true;
     f.crc32 = (getauxval(AT_HWCAP) & (1ul << 7)) != 0;  // HWCAP_CRC32
