@@ -45,6 +45,13 @@ class GstEnvironment : public ::testing::Environment {
 [[maybe_unused]] ::testing::Environment* const environment =
     ::testing::AddGlobalTestEnvironment(new GstEnvironment);
 
+// The plug-in registers the element. The run that fills the registry runs this test alone.
+TEST(ElementRegistry, HoldsTheElement) {
+    GstElementFactory* factory = gst_element_factory_find("kalpng_dec");
+    ASSERT_NE(factory, nullptr);
+    gst_object_unref(factory);
+}
+
 // The RGBA pixels of test image `seed` of a size, and an 8-bit RGBA PNG of them in one IDAT,
 // with a pHYs chunk of {x, y, unit} when one is given.
 Bytes Pixels(uint32_t width, uint32_t height, uint32_t seed) {
