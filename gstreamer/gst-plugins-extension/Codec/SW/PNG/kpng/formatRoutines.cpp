@@ -80,8 +80,6 @@ __attribute__((target("ssse3"))) void ReorderSsse3(const unsigned char* in, unsi
     }
     Reorder<Format>(in + 4 * i, out + 4 * i, n - i);
 }
-#define KPNG_VECTOR_REORDER(format) \
-    (cpu.ssse3 && kau::cpu::VectorPathsEnabled() ? ReorderSsse3<format> : Reorder<format>)
 #elif defined(__arm__) || defined(__aarch64__)
 // Sixteen pixels per step, split into planes of R, G, B and A and stored in the output's order.
 template <OutputFormat Format>
@@ -98,10 +96,18 @@ KPNG_NEON void ReorderNeon(const unsigned char* in, unsigned char* out, uint32_t
     }
     Reorder<Format>(in + 4 * i, out + 4 * i, n - i);
 }
-#define KPNG_VECTOR_REORDER(format) (cpu.neon ? ReorderNeon<format> : Reorder<format>)
-#else
-#define KPNG_VECTOR_REORDER(format) Reorder<format>
 #endif
+
+// The reordering into a 4-byte format: the vector form where the processor offers one.
+template <OutputFormat Format>
+FormatRoutine ReorderFor([[maybe_unused]] const kau::cpu::Features& cpu) {
+#if defined(__SSE2__)
+    if (cpu.ssse3) return ReorderSsse3<Format>;
+#elif defined(__arm__) || defined(__aarch64__)
+    if (cpu.neon) return ReorderNeon<Format>;
+#endif
+    return Reorder<Format>;
+}
 
 }  // namespace
 
@@ -116,24 +122,24 @@ uint32_t FormatPixel(OutputFormat format, const unsigned char rgba[4]) {
 }
 
 FormatRoutine ChooseFormatRoutine(OutputFormat format) {
-    [[maybe_unused]] const kau::cpu::Features cpu = kau::cpu::Available();
+    const kau::cpu::Features cpu = kau::cpu::Available();
     switch (format) {
         case OutputFormat::kRgba:
             return nullptr;
         case OutputFormat::kBgra:
-            return KPNG_VECTOR_REORDER(OutputFormat::kBgra);
+            return ReorderFor<OutputFormat::kBgra>(cpu);
         case OutputFormat::kArgb:
-            return KPNG_VECTOR_REORDER(OutputFormat::kArgb);
+            return ReorderFor<OutputFormat::kArgb>(cpu);
         case OutputFormat::kAbgr:
-            return KPNG_VECTOR_REORDER(OutputFormat::kAbgr);
+            return ReorderFor<OutputFormat::kAbgr>(cpu);
         case OutputFormat::kRgbx:
-            return KPNG_VECTOR_REORDER(OutputFormat::kRgbx);
+            return ReorderFor<OutputFormat::kRgbx>(cpu);
         case OutputFormat::kBgrx:
-            return KPNG_VECTOR_REORDER(OutputFormat::kBgrx);
+            return ReorderFor<OutputFormat::kBgrx>(cpu);
         case OutputFormat::kXrgb:
-            return KPNG_VECTOR_REORDER(OutputFormat::kXrgb);
+            return ReorderFor<OutputFormat::kXrgb>(cpu);
         case OutputFormat::kXbgr:
-            return KPNG_VECTOR_REORDER(OutputFormat::kXbgr);
+            return ReorderFor<OutputFormat::kXbgr>(cpu);
         case OutputFormat::kRgb:
             return WriteRgb<0, 2>;
         case OutputFormat::kBgr:
