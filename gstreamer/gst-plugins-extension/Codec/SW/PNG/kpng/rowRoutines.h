@@ -127,34 +127,43 @@ void UnfilterAverageFirst(const unsigned char* __restrict raw, const unsigned ch
 // Written without branches: the choice depends on the data and would defeat branch prediction.
 // The distances are compared squared, which keeps their order and ties: a multiplication each,
 // where an absolute value costs a compare and a negate on cores without a vector unit.
-inline uint8_t PaethPredictor(int a, int b, int c) {
+inline unsigned PaethPredictor(int a, int b, int c) {
     const int toA = b - c, toB = a - c, toC = toA + toB;
     const int pa = toA * toA, pb = toB * toB, pc = toC * toC;
-    const int nearerOfBAndC = pb <= pc ? b : c;
-    return uint8_t(((pa <= pb) & (pa <= pc)) ? a : nearerOfBAndC);
+    int nearerOfBAndC = c, nearestOfBAndC = pc;
+    if (pb <= pc) {
+        nearerOfBAndC = b;
+        nearestOfBAndC = pb;
+    }
+    return pa <= nearestOfBAndC ? a : nearerOfBAndC;
 }
 
-// Continues a Paeth row at byte `i` with the left and upper-left bytes of the pixel before it.
+// Continues a Paeth row at byte `i`, at least one pixel in. The upper-left bytes are loaded
+// again from the prior row instead of being carried from the pixel before: carried, they
+// outnumber a 32-bit core's registers and spill (61 instead of 76 ARM instructions a
+// 3-byte pixel).
 template <int Bpp>
 void UnfilterPaethFrom(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
-                       unsigned char* __restrict row, uint32_t i, uint32_t n, uint8_t* left,
-                       uint8_t* upperLeft) {
+                       unsigned char* __restrict row, uint32_t i, uint32_t n) {
+    unsigned left[Bpp];
+    for (int k = 0; k < Bpp; ++k)
+        left[k] = row[i - Bpp + k];
     const unsigned char* const end = raw + n;
-    for (raw += i, prior += i, row += i; raw < end; raw += Bpp, prior += Bpp, row += Bpp) {
+    for (raw += i, prior += i, row += i; raw != end; raw += Bpp, prior += Bpp, row += Bpp) {
         for (int k = 0; k < Bpp; ++k) {
-            const uint8_t upper = prior[k];
-            row[k] = left[k] = uint8_t(raw[k] + PaethPredictor(left[k], upper, upperLeft[k]));
-            upperLeft[k] = upper;
+            left[k] = (raw[k] + PaethPredictor(left[k], prior[k], prior[k - Bpp])) & 0xFF;
+            row[k] = uint8_t(left[k]);
         }
     }
 }
 
+// The first pixel has neither left nor upper-left neighbours: its predictor is the byte above.
 template <int Bpp>
 void UnfilterPaeth(const unsigned char* __restrict raw, const unsigned char* __restrict prior,
                    unsigned char* __restrict row, uint32_t n) {
-    uint8_t left[Bpp] = {};
-    uint8_t upperLeft[Bpp] = {};
-    UnfilterPaethFrom<Bpp>(raw, prior, row, 0, n, left, upperLeft);
+    for (int k = 0; k < Bpp; ++k)
+        row[k] = uint8_t(raw[k] + prior[k]);
+    UnfilterPaethFrom<Bpp>(raw, prior, row, Bpp, n);
 }
 
 }  // namespace kpng

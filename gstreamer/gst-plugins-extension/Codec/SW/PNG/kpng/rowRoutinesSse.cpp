@@ -101,14 +101,8 @@ void UnfilterPaethSse2(const unsigned char* __restrict raw, const unsigned char*
         }
         memcpy(row + i, bytes, 4 * Bpp);
     }
-    uint8_t left[Bpp], upperLeft[Bpp];
-    for (int k = 0; k < Bpp; ++k) {
-        left[k] = uint8_t(_mm_extract_epi16(a, 0));
-        upperLeft[k] = uint8_t(_mm_extract_epi16(c, 0));
-        a = _mm_srli_si128(a, 2);
-        c = _mm_srli_si128(c, 2);
-    }
-    UnfilterPaethFrom<Bpp>(raw, prior, row, i, n, left, upperLeft);
+    if (i == 0) return UnfilterPaeth<Bpp>(raw, prior, row, n);
+    UnfilterPaethFrom<Bpp>(raw, prior, row, i, n);
 }
 
 // Pixels of 1 or 2 bytes: each byte's predictor needs the byte just unfiltered, so each byte
