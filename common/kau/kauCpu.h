@@ -10,6 +10,7 @@ namespace kau::cpu {
 
 struct Features {
     bool ssse3 = false;   // x86: byte shuffles
+    bool sse41 = false;   // x86: byte blends
     bool pclmul = false;  // x86: carry-less multiply
     bool bmi2 = false;    // x86: shifts by a count in any register, masks of any width
     bool neon = false;    // ARM: Advanced SIMD (always there on 64-bit ARM)
@@ -23,6 +24,7 @@ inline Features ProbeOnce() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_cpu_init();
     f.ssse3 = __builtin_cpu_supports("ssse3") != 0;
+    f.sse41 = __builtin_cpu_supports("sse4.1") != 0;
     f.pclmul = __builtin_cpu_supports("pclmul") != 0;
     f.bmi2 = __builtin_cpu_supports("bmi2") != 0;
 #elif defined(__aarch64__)
@@ -35,15 +37,29 @@ inline Features ProbeOnce() {
     return f;
 }
 
-// Process-wide and unsynchronised, like the allocator hooks: set it while no decode runs.
+inline const Features& Probed() {
+    static const Features probed = ProbeOnce();
+    return probed;
+}
+
+// Process-wide and unsynchronised, like the allocator hooks: set them while no decode runs.
 inline bool vectorPaths = true;
+inline Features& Shown() {
+    static Features shown = Probed();
+    return shown;
+}
 
 }  // namespace detail
 
 // The features vector code may use: what the processor has, or none while vector paths are off.
 inline Features Available() {
-    static const Features probed = detail::ProbeOnce();
-    return detail::vectorPaths ? probed : Features{};
+    return detail::vectorPaths ? detail::Shown() : Features{};
+}
+
+// Disabled, code runs as on a processor without `feature` (a member of Features); enabled, as
+// the probe found it. Tests and benchmarks reach with it the code an older processor runs.
+inline void UseFeature(bool Features::*feature, bool enabled) {
+    detail::Shown().*feature = enabled && detail::Probed().*feature;
 }
 
 // False makes every routine that has a vector form take its portable form, so that tests and

@@ -173,51 +173,58 @@ RoutinePair ChooseBothWays(const kpng::RowFormat& format, const kpng::PixelKeys&
 // Every routine of every format and filter type gives the portable routine's bytes on random
 // rows of every length up to 70 pixels, which takes the vector loops through each of their row
 // ends; a first-row routine gives those of its routine on a zero prior row without reading the
-// prior row.
+// prior row. The routines chosen for processors without SSE4.1 are checked too.
 TEST(RowRoutines, VectorRoutinesEqualThePortableOnRandomRows) {
     const Bytes tableBytes = RandomBytes(1024, 3);
     uint32_t table[256];
     memcpy(table, tableBytes.data(), sizeof table);
-    for (const Format f : kEveryFormat) {
-        for (const bool keyed : {false, true}) {
-            SCOPED_TRACE("type " + std::to_string(f.colourType) + " depth " +
-                         std::to_string(f.depth) + (keyed ? " keyed" : ""));
-            RawImage shape;
-            shape.depth = f.depth;
-            shape.colourType = f.colourType;
-            const int bytesPerPixel = std::max(1, shape.BitsPerPixel() / 8);
-            const kpng::RowFormat format = {uint8_t(f.colourType), uint8_t(f.depth),
-                                            uint8_t(bytesPerPixel), keyed};
-            // Grey samples up to 8 bits have a grey ramp for their table, as in the decoder.
-            for (uint32_t v = 0; f.colourType == 0 && f.depth <= 8 && v < (1u << f.depth); ++v) {
-                const uint8_t grey = uint8_t(v * 255 / ((1u << f.depth) - 1));
-                const unsigned char pixel[4] = {grey, grey, grey,
-                                                uint8_t(keyed && v == 1 ? 0 : 255)};
-                memcpy(&table[v], pixel, 4);
-            }
-            const kpng::PixelKeys keys = {table, 0x3131, {0x31, 0x3131, 0x31}};
-            const RoutinePair routines = ChooseBothWays(format, keys);
-            for (uint32_t pixels = 1; pixels <= 70; ++pixels) {
-                const uint32_t n = uint32_t(shape.RowBytes(pixels));
-                const Bytes raw = RandomBytes(n, pixels), up = RandomBytes(n, pixels + 1000);
-                for (int type = 0; type < kpng::kFilterTypes; ++type) {
-                    // Rows start different, so that a byte left unwritten shows; the first
-                    // row's routines must not read the prior row.
-                    Bytes row(n, 0x5A), expected(n, 0xC3), poisoned(n, 0xA5), zeros(n);
-                    routines.portable.unfilter[type](raw.data(), up.data(), expected.data(), n);
-                    routines.vector.unfilter[type](raw.data(), up.data(), row.data(), n);
-                    ASSERT_EQ(row, expected) << type << " " << n;
-                    routines.portable.unfilter[type](raw.data(), zeros.data(), expected.data(), n);
-                    routines.vector.unfilterFirst[type](raw.data(), poisoned.data(), row.data(), n);
-                    ASSERT_EQ(row, expected) << "first " << type << " " << n;
+    for (const bool sse41 : {false, true}) {
+        kau::cpu::UseFeature(&kau::cpu::Features::sse41, sse41);
+        for (const Format f : kEveryFormat) {
+            for (const bool keyed : {false, true}) {
+                SCOPED_TRACE("type " + std::to_string(f.colourType) + " depth " +
+                             std::to_string(f.depth) + (keyed ? " keyed" : "") +
+                             (sse41 ? "" : " without SSE4.1"));
+                RawImage shape;
+                shape.depth = f.depth;
+                shape.colourType = f.colourType;
+                const int bytesPerPixel = std::max(1, shape.BitsPerPixel() / 8);
+                const kpng::RowFormat format = {uint8_t(f.colourType), uint8_t(f.depth),
+                                                uint8_t(bytesPerPixel), keyed};
+                // Grey samples up to 8 bits have a grey ramp for their table, as in the decoder.
+                for (uint32_t v = 0; f.colourType == 0 && f.depth <= 8 && v < (1u << f.depth);
+                     ++v) {
+                    const uint8_t grey = uint8_t(v * 255 / ((1u << f.depth) - 1));
+                    const unsigned char pixel[4] = {grey, grey, grey,
+                                                    uint8_t(keyed && v == 1 ? 0 : 255)};
+                    memcpy(&table[v], pixel, 4);
                 }
-                if (!routines.portable.expand) continue;
-                Bytes in = raw, out(4 * pixels), expected(4 * pixels);
-                // Some pixels equal the key: every sample byte 0x31.
-                std::fill_n(in.begin(), std::min<size_t>(n, 8), 0x31);
-                routines.portable.expand(in.data(), expected.data(), pixels, keys);
-                routines.vector.expand(in.data(), out.data(), pixels, keys);
-                ASSERT_TRUE(out == expected) << "expansion of " << pixels;
+                const kpng::PixelKeys keys = {table, 0x3131, {0x31, 0x3131, 0x31}};
+                const RoutinePair routines = ChooseBothWays(format, keys);
+                for (uint32_t pixels = 1; pixels <= 70; ++pixels) {
+                    const uint32_t n = uint32_t(shape.RowBytes(pixels));
+                    const Bytes raw = RandomBytes(n, pixels), up = RandomBytes(n, pixels + 1000);
+                    for (int type = 0; type < kpng::kFilterTypes; ++type) {
+                        // Rows start different, so that a byte left unwritten shows; the first
+                        // row's routines must not read the prior row.
+                        Bytes row(n, 0x5A), expected(n, 0xC3), poisoned(n, 0xA5), zeros(n);
+                        routines.portable.unfilter[type](raw.data(), up.data(), expected.data(), n);
+                        routines.vector.unfilter[type](raw.data(), up.data(), row.data(), n);
+                        ASSERT_EQ(row, expected) << type << " " << n;
+                        routines.portable.unfilter[type](raw.data(), zeros.data(), expected.data(),
+                                                         n);
+                        routines.vector.unfilterFirst[type](raw.data(), poisoned.data(), row.data(),
+                                                            n);
+                        ASSERT_EQ(row, expected) << "first " << type << " " << n;
+                    }
+                    if (!routines.portable.expand) continue;
+                    Bytes in = raw, out(4 * pixels), expected(4 * pixels);
+                    // Some pixels equal the key: every sample byte 0x31.
+                    std::fill_n(in.begin(), std::min<size_t>(n, 8), 0x31);
+                    routines.portable.expand(in.data(), expected.data(), pixels, keys);
+                    routines.vector.expand(in.data(), out.data(), pixels, keys);
+                    ASSERT_TRUE(out == expected) << "expansion of " << pixels;
+                }
             }
         }
     }
@@ -580,10 +587,8 @@ TEST(OutputSize, WrappingSizesFailLikeAFailedAllocation) {
         int depth, colourType, interlace, position;
         unsigned long request;  // 0: none above 1 MiB
     } cases[] = {
-        {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 0, 100, 0},
-        {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 1, 109, 0},
-        {0x10000, 0x10000, 1, 0, 0, 100, 0},
-        {1, 0x7FFFFFFF, 16, 6, 1, 109, 0},
+        {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 0, 100, 0},     {0x1FFFFFC3, 0x7FFFFFFF, 8, 6, 1, 109, 0},
+        {0x10000, 0x10000, 1, 0, 0, 100, 0},           {1, 0x7FFFFFFF, 16, 6, 1, 109, 0},
         {0x1FFFFFC3, 2, 16, 6, 0, 100, 0xFFFFFE18ul},  // 16-bit rows need no room past the output
         {536870851, 1, 1, 0, 0, 100, 536870851ul * 4},
     };

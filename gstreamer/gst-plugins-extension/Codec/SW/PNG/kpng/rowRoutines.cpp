@@ -174,7 +174,7 @@ RowRoutines ChooseRowRoutines(const RowFormat& format, const PixelKeys& keys) {
     const kau::cpu::Features cpu = kau::cpu::Available();
 #if defined(__x86_64__) || defined(__i386__)
     // SSE2 is the x86-64 baseline: only the switch can turn it off.
-    if (kau::cpu::VectorPathsEnabled()) UseSseRowRoutines(r, format, cpu.ssse3);
+    if (kau::cpu::VectorPathsEnabled()) UseSseRowRoutines(r, format, cpu);
 #elif defined(__arm__) || defined(__aarch64__)
     if (cpu.neon) UseNeonRowRoutines(r, format);
 #endif

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include "kauCpu.h"
+
 namespace kpng {
 
 // Undoes one filter: writes to `row` the unfiltered bytes of the filtered bytes `raw` (read
@@ -57,7 +59,8 @@ struct RowRoutines {
 RowRoutines ChooseRowRoutines(const RowFormat& format, const PixelKeys& keys);
 
 // The vector sets, each replacing the entries of the portable set it has a routine for.
-void UseSseRowRoutines(RowRoutines& routines, const RowFormat& format, bool ssse3);
+void UseSseRowRoutines(RowRoutines& routines, const RowFormat& format,
+                       const kau::cpu::Features& cpu);
 void UseNeonRowRoutines(RowRoutines& routines, const RowFormat& format);
 
 // Calls `set` with the image's bytes per pixel as a compile-time constant (std::integral_constant),
