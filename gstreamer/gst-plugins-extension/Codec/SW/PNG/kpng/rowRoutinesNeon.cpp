@@ -75,11 +75,12 @@ KPNG_NEON inline int16x4_t Select(uint16x4_t m, int16x4_t x, int16x4_t y) {
 KPNG_NEON inline int16x8_t Select(uint16x8_t m, int16x8_t x, int16x8_t y) {
     return vbslq_s16(m, x, y);
 }
-KPNG_NEON inline int16x4_t Byte(int16x4_t x) {
-    return vand_s16(x, vdup_n_s16(0xFF));
+// The sum of lanes 0 to 255, wrapped to a byte: added in byte lanes, the high bytes stay zero.
+KPNG_NEON inline int16x4_t AddWrapped(int16x4_t x, int16x4_t y) {
+    return vreinterpret_s16_u8(vadd_u8(vreinterpret_u8_s16(x), vreinterpret_u8_s16(y)));
 }
-KPNG_NEON inline int16x8_t Byte(int16x8_t x) {
-    return vandq_s16(x, vdupq_n_s16(0xFF));
+KPNG_NEON inline int16x8_t AddWrapped(int16x8_t x, int16x8_t y) {
+    return vreinterpretq_s16_u8(vaddq_u8(vreinterpretq_u8_s16(x), vreinterpretq_u8_s16(y)));
 }
 
 // The pixels of a step, each in the low lanes of its register.
@@ -133,14 +134,14 @@ KPNG_NEON inline uint8x16_t JoinPixels(const typename Step<Bpp>::Pixels& pixel, 
 struct SubFilter {
     template <class Lanes>
     KPNG_NEON static Lanes Next(Lanes left, Lanes, Lanes, Lanes raw) {
-        return Byte(Add(raw, left));
+        return AddWrapped(raw, left);
     }
 };
 
 struct AverageFilter {
     template <class Lanes>
     KPNG_NEON static Lanes Next(Lanes left, Lanes upper, Lanes, Lanes raw) {
-        return Byte(Add(raw, HalfSum(left, upper)));
+        return AddWrapped(raw, HalfSum(left, upper));
     }
 };
 
@@ -155,7 +156,7 @@ struct PaethFilter {
         const Lanes pb = Distance(a, c);
         const Lanes pc = Distance(a, target);
         const Lanes predictor = Select(AtMost(pa, Min(pb, pc)), a, Select(AtMost(pb, pc), b, c));
-        return Byte(Add(raw, predictor));
+        return AddWrapped(raw, predictor);
     }
 };
 
