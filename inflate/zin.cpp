@@ -291,14 +291,20 @@ inline void CopyMatchWide(unsigned char* out, uint32_t dist, uint32_t len) {
     } while (out < end);
 }
 
-// Exact copy of `len` bytes from `dist` bytes back; writes nothing past the match.
+// Exact copy of `len` bytes from `dist` bytes back; writes nothing past the match. All but the
+// last 15 bytes go by the wide copy, whose stores then end within the match.
 inline void CopyMatchExact(unsigned char* out, uint32_t dist, uint32_t len) {
     const unsigned char* src = out - dist;
     if (dist >= len) {
         std::memcpy(out, src, len);
         return;
     }
-    for (uint32_t i = 0; i < len; ++i)
+    uint32_t i = 0;
+    if (len > 15) {
+        i = len - 15;
+        CopyMatchWide(out, dist, i);
+    }
+    for (; i < len; ++i)
         out[i] = src[i];
 }
 
