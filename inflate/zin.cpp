@@ -292,8 +292,10 @@ inline void CopyMatchWide(unsigned char* out, uint32_t dist, uint32_t len) {
 }
 
 // Exact copy of `len` bytes from `dist` bytes back; writes nothing past the match. All but the
-// last 15 bytes go by the wide copy, whose stores then end within the match.
-inline void CopyMatchExact(unsigned char* out, uint32_t dist, uint32_t len) {
+// last 15 bytes go by the wide copy, whose stores then end within the match. Kept out of line:
+// it serves the rare matches that end near the end of the output, and inlined it costs the
+// fast loop registers on 32-bit ARM.
+[[gnu::noinline]] void CopyMatchExact(unsigned char* out, uint32_t dist, uint32_t len) {
     const unsigned char* src = out - dist;
     if (dist >= len) {
         std::memcpy(out, src, len);
