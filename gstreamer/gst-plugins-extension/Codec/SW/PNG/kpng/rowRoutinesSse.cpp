@@ -25,6 +25,12 @@ inline Lanes SelectLanes(Lanes mask, Lanes ifSet, Lanes ifClear) {
     return (mask & ifSet) | (~mask & ifClear);
 }
 
+// The sum of lanes 0 to 255, wrapped to a byte: added in byte lanes, which needs no mask on the
+// pixel chain, the high bytes staying zero.
+inline Lanes AddWrapped(Lanes x, Lanes y) {
+    return Lanes(_mm_add_epi8(__m128i(x), __m128i(y)));
+}
+
 // The predictor of a lane depends on where the left byte a falls among thresholds set by the
 // upper byte b and the upper-left byte c, so that only a few compares and selects wait for a.
 // Lanes where b < c are mirrored (v -> 255 - v, under which the predictor makes the same choice)
@@ -45,7 +51,7 @@ template <int Bpp>
 inline void PaethPixel(const unsigned char* raw, const unsigned char* prior, unsigned char* row,
                        Lanes& left, Lanes& upperLeft) {
     const Lanes upper = LoadLanes(prior);
-    left = (LoadLanes(raw) + PaethLanes(left, upper, upperLeft)) & 0xFF;
+    left = AddWrapped(LoadLanes(raw), PaethLanes(left, upper, upperLeft));
     upperLeft = upper;
     for (int k = 0; k < Bpp; ++k)
         row[k] = uint8_t(left[k]);
@@ -66,15 +72,10 @@ void UnfilterPaethLanes(const unsigned char* __restrict raw, const unsigned char
     }
 }
 
-inline __m128i PaethSse2(__m128i a, __m128i b, __m128i c) {
-    return __m128i(PaethLanes(Lanes(a), Lanes(b), Lanes(c)));
-}
-
 // Four pixels of 3 or 4 bytes per step: the raw and prior bytes of the step come in one load
 // each, the pixels are unfiltered one after the other in registers, and exactly the step's
 // bytes are stored. Loads need 16 bytes, so the last pixels of a row go through the byte loop.
-// The raw byte is added in byte lanes, which wraps it without a mask on the chain. Inlined into
-// each caller, so that each compiles it for the instructions it is built for.
+// Inlined into each caller, so that each compiles it for the instructions it is built for.
 template <int Bpp>
 [[gnu::always_inline]] inline void UnfilterPaethFourPixels(const unsigned char* __restrict raw,
                                                            const unsigned char* __restrict prior,
@@ -82,17 +83,17 @@ template <int Bpp>
                                                            uint32_t n) {
     static_assert(Bpp == 3 || Bpp == 4, "four pixels fill at most 16 bytes");
     const __m128i zero = _mm_setzero_si128();
-    __m128i a = zero, c = zero;
+    Lanes a = {}, c = {};
     uint32_t i = 0;
     for (; n >= 16 && i <= n - 16; i += 4 * Bpp) {
         __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(raw + i));
         __m128i up = _mm_loadu_si128(reinterpret_cast<const __m128i*>(prior + i));
         uint32_t pixels[4];
         for (int k = 0; k < 4; ++k) {
-            const __m128i b = _mm_unpacklo_epi8(up, zero);
-            a = _mm_add_epi8(_mm_unpacklo_epi8(x, zero), PaethSse2(a, b, c));
+            const Lanes b = Lanes(_mm_unpacklo_epi8(up, zero));
+            a = AddWrapped(Lanes(_mm_unpacklo_epi8(x, zero)), PaethLanes(a, b, c));
             c = b;
-            pixels[k] = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(a, a)));
+            pixels[k] = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(__m128i(a), __m128i(a))));
             x = _mm_srli_si128(x, Bpp);
             up = _mm_srli_si128(up, Bpp);
         }
