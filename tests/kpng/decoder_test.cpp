@@ -214,14 +214,10 @@ struct Piece {
 
 Bytes Build(const std::vector<Piece>& pieces) {
     PngWriter png;
-    for (const Piece& p : pieces) {
-        if (p.type.empty())
-            png.Raw(p.data);
-        else if (p.badCrc)
-            png.ChunkWithCrc(p.type, p.data, 0x12345678);
-        else
-            png.Chunk(p.type, p.data);
-    }
+    for (const Piece& p : pieces)
+        p.type.empty() ? png.Raw(p.data)
+        : p.badCrc     ? png.ChunkWithCrc(p.type, p.data, 0x12345678)
+                       : png.Chunk(p.type, p.data);
     return png.bytes();
 }
 
@@ -245,6 +241,16 @@ std::vector<Piece> WithHeader(const Bytes& ihdr) {
     return {{"IHDR", ihdr}, kIdat, kIend};
 }
 
+// A one-row image from its scanline (filter byte first).
+std::vector<Piece> OneRow(uint32_t width, int depth, int type, const Bytes& scanline,
+                          const Bytes& trns = {}) {
+    std::vector<Piece> pieces = {{"IHDR", IhdrData(width, 1, depth, type)}};
+    if (type == 3) pieces.push_back({"PLTE", {10, 11, 12, 20, 21, 22, 30, 31, 32, 40, 41, 42}});
+    if (!trns.empty()) pieces.push_back({"tRNS", trns});
+    pieces.insert(pieces.end(), {{"IDAT", Zlib(scanline)}, kIend});
+    return pieces;
+}
+
 struct ChunkCase {
     const char* name;
     std::vector<Piece> pieces;
@@ -252,16 +258,16 @@ struct ChunkCase {
     bool duringDecode;       // or while constructing
     int streamPosition = 0;  // when a stream fails elsewhere
     size_t cut = 0;          // bytes cut from the end
+    Bytes rgba = Join(std::vector<Bytes>(4, {0, 0, 0, 255}));
+    unsigned long defaultAlpha = 255;
 };
 
 // clang-format off
 const ChunkCase kChunkCases[] = {
-    // Accepted.
     {"Ancillary", {kRgb, kGama, {"zzzz", Bytes(70)}, kIdat, {"tIME", Bytes(7)}, kIend}, 0, false},
     {"SuggestedPaletteNotChecked", {kRgb, {"PLTE", Bytes(10)}, kIdat, kIend}, 0, false},
     {"BkgdAfterIdat", {kRgb, kIdat, {"bKGD", Bytes(1)}, kIend}, 0, false},
     {"EmptyPalette", {kPal, {"PLTE", {}}, kIdat, kIend}, 0, false},
-    // Refused before the image data.
     {"IdatBeforeIhdr", {kIdat, kIend}, 32, false},
     {"AncillaryBeforeIhdr", {kGama, kRgb, kIdat, kIend}, 745, false},
     {"PlteBeforeIhdr", {kPlte, kPal, kIdat, kIend}, 647, false},
@@ -313,15 +319,12 @@ const ChunkCase kChunkCases[] = {
     {"AncillaryCrc", {kRgb, {"gAMA", Be32(45455), true}, kIdat, kIend}, 576, false},
     {"IdatCrc", {kRgb, {"IDAT", kData, true}, kIend}, 576, true},
     {"EmptyIdatCrc", {kRgb, {"IDAT", {}, true}, kIdat, kIend}, 576, true},
-    {"MiddleIdatCrc", {kRgb, {"IDAT", Slice(kData, 0, 4)}, {"IDAT", Slice(kData, 4, 8), true},
-                       {"IDAT", Slice(kData, 8, kData.size())}, kIend}, 576, true},
     {"TrailingAncillaryCrc", {kRgb, kIdat, {"tEXt", {'a', 0, 'b'}, true}, kIend}, 576, true},
     {"IendCrc", {kRgb, kIdat, {"IEND", {}, true}}, 576, true},
     // Chunks after the image data.
     {"PlteAfterIdat", {kRgb, kIdat, kPlte, kIend}, 648, true},
     {"TrnsAfterIdat", {kGrey, kIdat, kKey, kIend}, 674, true},
     {"IhdrAfterIdat", {kRgb, kIdat, kRgb, kIend}, 598, true},
-    {"IdatAfterOtherChunk", {kRgb, kIdat, kGama, {"IDAT", {}}, kIend}, 884, true},
     {"EmptyIdatAfterImageData", {kRgb, kIdat, {"IDAT", {}}, kIend}, 884, true},
     {"CriticalAfterIdat", {kRgb, kIdat, {"ABCD", {}}, kIend}, 753, true},
     {"ImageDataCutByOtherChunk", {kRgb, kHead, kGama, kTail, kIend}, 514, true},
@@ -332,17 +335,32 @@ const ChunkCase kChunkCases[] = {
     // missing bytes read as zero.
     {"StreamEndsAsTheLastRowStarts", {kRgb, {"IDAT", kShort}, kIend}, 514, true},
     {"TrailerAloneInTheLastIdat", {kRgb, kShortBody, kShortAdler, kIend}, 0, false},
-    {"StreamCutShort", {kRgb, {"IDAT", Slice(kData, 0, 4)}, kIend}, 514, true},
     {"BadAdler", {kRgb, {"IDAT", kBadAdler}, kIend}, 527, true},
     {"ImageDataNotZlib", {kRgb, {"IDAT", {0x78, 0x9C, 0xFF, 0xFF, 0xFF}}, kIend}, 527, true},
     // Inputs that end early or are no PNG.
     {"SignatureOnly", {}, 565, false, 556},
-    {"NoIend", {kRgb, kIdat}, 565, true, 556},
     {"CutOneByte", {kRgb, kIdat, kIend}, 565, true, 556, 1},
     {"CutInsideIdat", {kRgb, kIdat}, 565, true, 556, 6},
     {"CutInsideLargeChunk", {kRgb, {"tEXt", Bytes(9000, 'x')}}, 565, false, 544, 4000},
     {"CutInsideLargeIdat", {kRgb, {"IDAT", Join({kData, Bytes(9000)})}}, 565, true, 544, 100},
     {"ChunkLengthTopBit", {kRgb, {"", Join({Be32(0x80000000), {'g', 'A', 'M', 'A'}})}}, 22, false},
+    // Pixels. tRNS keys compare every bit of the sample, and keys out of range match nothing.
+    {"GreyKeyOutOfRange", OneRow(2, 1, 0, {0, 0x80}, Be16(257)), 0, false, 0, 0,
+     {255, 255, 255, 255, 0, 0, 0, 255}},
+    {"Grey16KeyEveryBit", OneRow(2, 16, 0, {0, 1, 0, 1, 1}, Be16(256)), 0, false, 0, 0,
+     {1, 1, 1, 0, 1, 1, 1, 255}},
+    {"RgbKeyOutOfRange", OneRow(1, 8, 2, {0, 1, 2, 3}, Join({Be16(1), Be16(2), Be16(259)})),
+     0, false, 0, 0, {1, 2, 3, 255}},
+    // defaultAlpha: for palette indices without tRNS alpha only, those beyond PLTE included.
+    {"DefaultAlphaNotForRgb", OneRow(1, 8, 2, {0, 9, 8, 7}), 0, false, 0, 0, {9, 8, 7, 255}, 0},
+    {"DefaultAlphaAfterTrns", OneRow(4, 2, 3, {0, 0x1B}, {100, 101}), 0, false, 0, 0,
+     {10, 11, 12, 100, 20, 21, 22, 101, 30, 31, 32, 200, 40, 41, 42, 200}, 200},
+    {"DefaultAlphaWithoutTrns", OneRow(2, 2, 3, {0, 0x30}), 0, false, 0, 0,
+     {10, 11, 12, 0, 40, 41, 42, 0}, 0},
+    {"IndexBeyondPalette", OneRow(2, 4, 3, {0, 0x71}, {5, 6, 7, 8}), 0, false, 0, 0,
+     {0, 0, 0, 99, 20, 21, 22, 6}, 99},
+    {"UnknownFilterTypeIsNone", OneRow(2, 8, 2, {5, 1, 2, 3, 4, 5, 6}), 0, false, 0, 0,
+     {1, 2, 3, 255, 4, 5, 6, 255}},
 };
 // clang-format on
 
@@ -361,8 +379,9 @@ std::string Expected(int cause, bool duringDecode, bool fromStream) {
 
 class Chunks : public testing::TestWithParam<ChunkCase> {};
 
-// Failures are reported at their cause; accepted files give the black, opaque pixels of their
-// data, bytes after IEND included, whatever the decoder's memory held before.
+// Failures are reported at their cause; accepted files give their pixels (the black, opaque ones
+// of the 2 x 2 data unless the case says), bytes after IEND included, whatever the decoder's
+// memory held before.
 TEST_P(Chunks, AreAcceptedOrReportedAtTheirCause) {
     const ChunkCase& c = GetParam();
     const Bytes png = Build(c.pieces);
@@ -370,9 +389,9 @@ TEST_P(Chunks, AreAcceptedOrReportedAtTheirCause) {
     kau::mem::SetExternalNewAndDelete(PoisonedNew, MMFree);
     for (bool fromStream : {false, true}) {
         const int cause = fromStream && c.streamPosition ? c.streamPosition : c.position;
-        const Decoded decoded = Decode(input, fromStream);
+        const Decoded decoded = Decode(input, fromStream, c.defaultAlpha);
         EXPECT_EQ(decoded.printed, cause ? Expected(cause, c.duringDecode, fromStream) : "");
-        EXPECT_EQ(decoded.rgba, cause ? Bytes() : Join(std::vector<Bytes>(4, {0, 0, 0, 255})));
+        EXPECT_EQ(decoded.rgba, cause ? Bytes() : c.rgba);
     }
     kau::mem::SetExternalNewAndDelete(MMAllocate, MMFree);
 }
@@ -417,45 +436,6 @@ TEST(EveryFormat, MatchesTheReferenceAndItsInterlacedTwin) {
     }
 }
 
-// A one-row image from its scanline (filter byte first).
-Bytes OneRow(uint32_t width, int depth, int type, const Bytes& scanline, const Bytes& trns = {}) {
-    PngWriter png;
-    png.Ihdr(width, 1, depth, type);
-    if (type == 3) png.Chunk("PLTE", {10, 11, 12, 20, 21, 22, 30, 31, 32, 40, 41, 42});
-    if (!trns.empty()) png.Chunk("tRNS", trns);
-    return png.Idat(Zlib(scanline)).Iend().bytes();
-}
-
-TEST(Expansion, FollowsTheExpansionRules) {
-    struct Case {
-        Bytes png;
-        unsigned long defaultAlpha;
-        Bytes rgba;
-    } cases[] = {
-        // tRNS keys compare every bit of the sample; keys out of range match nothing.
-        {OneRow(2, 1, 0, {0, 0x80}, Be16(257)), 255, {255, 255, 255, 255, 0, 0, 0, 255}},
-        {OneRow(2, 16, 0, {0, 1, 0, 1, 1}, Be16(256)), 255, {1, 1, 1, 0, 1, 1, 1, 255}},
-        {OneRow(1, 8, 2, {0, 1, 2, 3}, Join({Be16(1), Be16(2), Be16(259)})), 255, {1, 2, 3, 255}},
-        // defaultAlpha: for palette indices without tRNS alpha only.
-        {OneRow(1, 8, 2, {0, 9, 8, 7}), 0, {9, 8, 7, 255}},
-        {OneRow(4, 2, 3, {0, 0x1B}, {100, 101}),
-         200,
-         {10, 11, 12, 100, 20, 21, 22, 101, 30, 31, 32, 200, 40, 41, 42, 200}},
-        {OneRow(2, 2, 3, {0, 0x30}), 0, {10, 11, 12, 0, 40, 41, 42, 0}},
-        {OneRow(2, 4, 3, {0, 0x71}, {5, 6, 7, 8}), 99, {0, 0, 0, 99, 20, 21, 22, 6}},
-        // Unknown filter types count as none.
-        {OneRow(2, 8, 2, {5, 1, 2, 3, 4, 5, 6}), 255, {1, 2, 3, 255, 4, 5, 6, 255}},
-    };
-    for (const Case& c : cases) {
-        for (bool fromStream : {false, true}) {
-            SCOPED_TRACE(std::to_string(&c - cases) + (fromStream ? " stream" : " memory"));
-            const Decoded decoded = Decode(c.png, fromStream, c.defaultAlpha);
-            EXPECT_EQ(decoded.printed, "");
-            EXPECT_EQ(decoded.rgba, c.rgba);
-        }
-    }
-}
-
 // Blocks mapped straight from the system: the largest request is noted, those above
 // `refusedAbove` fail, and the pages touched in a block are counted as it is deleted.
 unsigned long largestRequest = 0, refusedAbove = 0;
@@ -494,8 +474,10 @@ Decoded DecodeMapped(const Bytes& png, unsigned long refuseAbove) {
 }
 
 // Sizes whose 32-bit arithmetic wraps fail like a failed allocation, without a large request;
-// the widest and tallest headers pass, the widest asking for its full size.
-TEST(OutputSize, WrappingSizesFailLikeAFailedAllocation) {
+// the widest and tallest headers pass, the widest asking for its full size. The largest header
+// with almost no image data (65 bytes in all), whose rows would take gigabytes, is refused having
+// touched only the pages the data reached and the blocks' headers.
+TEST(OutputSize, WrappingSizesFailLikeAFailedAllocationAndNothingIsClearedAhead) {
     const struct {
         uint32_t width, height;
         int depth, colourType, interlace, position;
@@ -513,14 +495,8 @@ TEST(OutputSize, WrappingSizesFailLikeAFailedAllocation) {
                   Report(kKpng, c.position) + Report(kCpng, 27));
         EXPECT_EQ(largestRequest > (1ul << 20) ? largestRequest : 0, c.request) << c.width;
     }
-}
-
-// The largest header with almost no image data, 65 bytes in all: its rows would take gigabytes,
-// but it is refused having touched only the pages the data reached and the blocks' headers.
-TEST(OutputSize, AHugeHeaderWithoutImageDataTouchesLittleMemory) {
     const Bytes png =
         PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Slice(Zlib(Bytes(64)), 0, 8)).Iend().bytes();
-    ASSERT_EQ(png.size(), 65u);
     EXPECT_EQ(DecodeMapped(png, ~0ul).rgba, Bytes());
     EXPECT_LT(touchedBytes, size_t{1} << 20);
 }
