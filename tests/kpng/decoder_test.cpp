@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "CPNG.h"
@@ -138,6 +139,30 @@ TEST(LargeImages, DecodeLikeTheReference) {
         pngs.push_back(EncodePng(RandomImage(width, 8, 8, 0, width)));
     for (const Bytes& png : pngs)
         EXPECT_TRUE(DecodeBothWays(png).rgba == ReferenceDecode(png).rgba) << &png - &pngs[0];
+}
+
+// The limit counts the bytes of the format asked for; even a PNG whose pixels would take
+// gigabytes is refused at its header without taking them. A caller's rows must hold a row of the
+// format. (The element's tests cover the stream overload.)
+TEST(DecodeLimit, CountsTheFormatsBytesAndRefusesAtTheHeader) {
+    const Bytes good = EncodePng(RandomImage(4, 3, 8, 2, 7));  // 48 output bytes
+    const Bytes huge = PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Zlib(Bytes{0})).Iend().bytes();
+    const int over = kpng::kErrOutputOverLimit, shortRows = kpng::kErrOutputAllocate;
+    // The limit, the format, and the stride of the caller's rows where there are some.
+    const std::tuple<const Bytes&, kpng::DecodeOptions, int> cases[] = {
+        {good, {48, OutputFormat::kRgba}, 0},
+        {good, {47, OutputFormat::kRgba}, over},
+        {good, {12, OutputFormat::kGray8}, 0},
+        {good, {11, OutputFormat::kGray8}, over},
+        {good, {24, OutputFormat::kRgb16}, 0},
+        {good, {23, OutputFormat::kRgb16}, over},
+        {huge, {1 << 20, OutputFormat::kRgba}, over},
+        {good, {0, OutputFormat::kRgb, nullptr, 12}, 0},
+        {good, {0, OutputFormat::kRgb, nullptr, 11}, shortRows}};
+    for (const auto& [png, options, position] : cases) {
+        EXPECT_EQ(Decode(png, false, 255, options).printed, position ? Report(kKpng, position) : "")
+            << options.maxOutputBytes << " " << options.stride;
+    }
 }
 
 // Every routine of every format and filter type gives the portable routine's bytes on random
