@@ -1,18 +1,21 @@
-// The kalpng_dec element in a GstHarness (framing, caps, timing, pools, failures, state changes)
-// and inside real pipelines with GStreamer's own sources, encoder and sinks.
+// The kalpng_dec element in a GstHarness (framing, caps, timing, pools, failures, state changes,
+// output formats) and inside real pipelines with GStreamer's own sources, encoder and sinks.
 #include <gmock/gmock.h>
 #include <gst/app/gstappsink.h>
 #include <gst/check/gstharness.h>
+#include <gst/video/video.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <future>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,6 +24,7 @@
 namespace element_test {
 namespace {
 
+using pngtest::Be32;
 using pngtest::Bytes;
 using pngtest::Join;
 using pngtest::Printed;
@@ -72,10 +76,11 @@ Bytes Png(uint32_t width, uint32_t height, uint32_t seed, std::vector<uint32_t> 
 
 using Times = std::vector<std::pair<GstClockTime, GstClockTime>>;  // pts, duration
 
-// Frames as the harness's sink received them: their bytes and times.
+// What the sink got: unpadded rows, times, and each GstVideoMeta's bytes after a row (-1: none).
 struct Frames {
     std::vector<Bytes> data;
     Times times;
+    std::vector<int> padding;
 };
 
 std::vector<Bytes> AllPixels(uint32_t size, const std::vector<uint32_t>& seeds) {
@@ -89,10 +94,12 @@ constexpr GstClockTime kNone = GST_CLOCK_TIME_NONE, kMs = GST_MSECOND, kS = GST_
 const char kPacketized[] = "image/png, framerate=(fraction)25/1";
 const char kNotPacketized[] = "image/png";
 
-// The element between a harness source (PNG bytes in) and a harness sink (frames out).
+// kalpng_dec, or "kalpng_dec <rest>" (its properties, downstream elements), in a GstHarness.
 class Harness {
   public:
-    explicit Harness(const char* sinkCaps) : h(gst_harness_new("kalpng_dec")) {
+    explicit Harness(const char* sinkCaps, const std::string& rest = "")
+        : h(rest.empty() ? gst_harness_new("kalpng_dec")
+                         : gst_harness_new_parse(("kalpng_dec " + rest).c_str())) {
         gst_element_set_bus(h->element, bus);
         gst_harness_set_src_caps_str(h, sinkCaps);
     }
@@ -130,13 +137,24 @@ class Harness {
         gst_harness_push_event(h, gst_event_new_stream_start("restart"));
         gst_harness_set_src_caps_str(h, sinkCaps);
     }
-    // The frames that reached the sink since the last call.
-    Frames Take() {
-        Frames frames;
+    // `frames` and those that reached the sink since the last call, read in its current caps.
+    Frames Take(Frames frames = {}) {
         while (GstBuffer* buffer = gst_harness_try_pull(h)) {
-            frames.data.emplace_back(gst_buffer_get_size(buffer));
-            gst_buffer_extract(buffer, 0, frames.data.back().data(), frames.data.back().size());
+            GstVideoInfo info;
+            g_autoptr(GstCaps) caps = gst_pad_get_current_caps(h->sinkpad);
+            gst_video_info_from_caps(&info, caps);
+            GstVideoFrame frame;
+            EXPECT_TRUE(gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ));
+            const int row = GST_VIDEO_INFO_COMP_PSTRIDE(&info, 0) * info.width,
+                      stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+            const auto* data = static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+            Bytes& rows = frames.data.emplace_back();
+            for (int y = 0; y < info.height; ++y)
+                rows.insert(rows.end(), data + y * stride, data + y * stride + row);
+            const GstVideoMeta* meta = gst_buffer_get_video_meta(buffer);
+            frames.padding.push_back(meta ? meta->stride[0] - row : -1);
             frames.times.push_back({GST_BUFFER_PTS(buffer), GST_BUFFER_DURATION(buffer)});
+            gst_video_frame_unmap(&frame);
             gst_buffer_unref(buffer);
         }
         return frames;
@@ -494,6 +512,98 @@ TEST(ElementQos, LateFramesAreSkipped) {
         h.Flush();
         ASSERT_EQ(h.Push(Png(2, 2, 0), 0), GST_FLOW_OK);
         EXPECT_EQ(h.Take().times, Times({{0, 40 * kMs}}));
+    }
+}
+
+// A video pool with 3 pixels of padding after each row: the element must ask it for the
+// GstVideoMeta that carries their layout. The element completes the configuration with its caps.
+GstBufferPool* PaddedPool() {
+    GstBufferPool* pool = gst_video_buffer_pool_new();
+    GstStructure* config = gst_buffer_pool_get_config(pool);
+    gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_ALIGNMENT);
+    GstVideoAlignment align;
+    gst_video_alignment_reset(&align);
+    align.padding_right = 3;
+    gst_buffer_pool_config_set_video_alignment(config, &align);
+    gst_buffer_pool_set_config(pool, config);  // refused without caps, but kept
+    return pool;
+}
+
+// The frames of the PNGs, one a buffer, through "kalpng_dec <rest>", in PaddedPool's if asked.
+Frames Decode(const std::vector<Bytes>& pngs, const std::string& rest, bool padded = false) {
+    Harness h(kPacketized, rest);
+    std::optional<Offer> offer;
+    if (padded) offer.emplace(h.h, 0, PaddedPool());
+    Frames frames;
+    for (const Bytes& png : pngs) {
+        EXPECT_EQ(h.Push(png), GST_FLOW_OK);
+        frames = h.Take(std::move(frames));  // in the caps it came with
+    }
+    return frames;
+}
+
+// The largest difference of one sample: RGB16 (little-endian) in its 5- and 6-bit fields, the
+// others in bytes but for the unused bytes (x), which the element writes 255 and videoconvert 0.
+int LargestDifference(const std::string& format, const Bytes& a, const Bytes& b) {
+    int most = 0;
+    const size_t unused = format.find('x');
+    const bool rgb16 = format == "RGB16";
+    for (size_t i = 0; rgb16 && i + 1 < a.size(); i += 2) {
+        const int x = a[i] | a[i + 1] << 8, y = b[i] | b[i + 1] << 8;
+        for (const auto& [shift, mask] : {std::pair{11, 31}, {5, 63}, {0, 31}})
+            most = std::max(most, std::abs((x >> shift & mask) - (y >> shift & mask)));
+    }
+    for (size_t i = 0; !rgb16 && i < a.size(); ++i)
+        if (i % 4 != unused) most = std::max(most, std::abs(a[i] - b[i]));
+    return most;
+}
+
+class OutputFormat : public testing::TestWithParam<const char*> {};
+
+// Every PngSuite image and the benchmark icons of at most 128 x 128 pixels, in the element's own
+// buffers and in downstream's padded ones, both with a GstVideoMeta, equal videoconvert's
+// conversion of the element's RGBA frames, but for its rounding and dithering of RGB16 and GRAY8.
+TEST_P(OutputFormat, EqualsVideoconvertOfTheRgbaFrames) {
+    const std::string format = GetParam();
+    static std::vector<Bytes> files;  // read once for all the formats
+    if (files.empty())
+        for (const std::string& file : pngtest::ConformanceAndBenchFiles(128 * 128))
+            files.push_back(pngtest::ReadDataFile(file));
+    const std::string caps = "! capsfilter caps=video/x-raw,format=" + format;
+    const Frames reference = Decode(files, "! videoconvert " + caps);
+    ASSERT_EQ(reference.data.size(), files.size());
+    for (bool padded : {false, true}) {
+        SCOPED_TRACE(padded ? "downstream's padded pool" : "the element's pool");
+        const Frames direct = Decode(files, caps, padded);
+        ASSERT_EQ(direct.data.size(), files.size());
+        EXPECT_THAT(direct.padding, ::testing::Each(::testing::Ge(padded ? 3 : 0)));
+        for (size_t i = 0; i < files.size(); ++i) {
+            // videoconvert leaves some frames one pixel wide unwritten.
+            if (Slice(files[i], 16, 20) == Be32(1)) continue;
+            ASSERT_EQ(direct.data[i].size(), reference.data[i].size()) << "file " << i;
+            EXPECT_LE(LargestDifference(format, direct.data[i], reference.data[i]),
+                      format == "RGB16" || format == "GRAY8")
+                << "file " << i;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, OutputFormat,
+                         testing::Values("RGBA", "BGRA", "ARGB", "ABGR", "RGBx", "BGRx", "xRGB",
+                                         "xBGR", "RGB", "BGR", "RGB16", "GRAY8"),
+                         [](const auto& info) { return std::string(info.param); });
+
+// The frame limit counts the bytes of the format downstream takes: a 40 x 40 frame is 1600
+// bytes in GRAY8 and 3200 in RGB16 (its PNG far fewer). A PNG over the limit is skipped.
+TEST(OutputFormatLimit, CountsTheBytesOfTheNegotiatedFormat) {
+    const Bytes png = pngtest::EncodePng({40, 40, 8, 2, Bytes(40 * 40 * 3)});
+    for (const auto& [format, limit, frames] :
+         {std::tuple{"GRAY8", 1600, 1u}, {"RGB16", 3199, 0u}, {"RGB16", 3200, 1u}}) {
+        EXPECT_EQ(Decode({png}, "max-errors=-1 max-frame-bytes=" + std::to_string(limit) +
+                                    " ! capsfilter caps=video/x-raw,format=" + format)
+                      .data.size(),
+                  frames)
+            << format << " " << limit;
     }
 }
 
