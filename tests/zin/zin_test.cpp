@@ -4,7 +4,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <memory>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -55,13 +54,13 @@ std::pair<int, Bytes> ZlibInflate(const Bytes& stream) {
 
 enum class History { Window, Output, OutputThenWindow };
 
-// Inflates `stream` and junk behind it with one Stream, Reset between feeds: whole; like the PNG
-// decoder (filter bytes, short and long rows, IDAT chunks); byte by byte when `bytewise`; and in
-// pieces into one buffer that keeps the history, all the way or until half the output. Each feed
-// must end in `result` with `output`, take nothing past the trailer and then repeat the end or
-// give kBadCall. Output kept in the window lands at a new place each call in a buffer poisoned
-// afterwards, so that reading earlier output instead of the window shows up as wrong bytes; a
-// window read while the output keeps the history finds nothing written there.
+// Inflates `stream` and junk behind it with one Stream, never zero-filled and Reset between feeds:
+// whole; like the PNG decoder (filter bytes, short and long rows, IDAT chunks); byte by byte when
+// `bytewise`; and into one buffer that keeps the history, all the way or until half the output.
+// Each feed must end in `result` with `output`, take nothing past the trailer, then repeat the end
+// or give kBadCall. Output kept in the window lands somewhere new each call, poisoned afterwards,
+// so that reading it instead of the window gives wrong bytes; so does reading the unwritten window
+// while the output keeps the history.
 void ExpectInflates(const Bytes& stream, int result, const Bytes& output, bool bytewise = true) {
     const std::tuple<size_t, std::vector<uint32_t>, History> feeds[] = {
         {SIZE_MAX, {1u << 20}, History::Window},
@@ -71,40 +70,40 @@ void ExpectInflates(const Bytes& stream, int result, const Bytes& output, bool b
         {5000, {7, 20000, 1}, History::OutputThenWindow}};
     Bytes in = stream;
     in.insert(in.end(), {1, 2, 3, 4, 5});
-    auto s = std::make_unique<zin::Stream>();
+    zin::Stream s;
     for (const auto& [inPiece, outSizes, history] : feeds) {
         if (inPiece == 1 && !bytewise) continue;
         SCOPED_TRACE(testing::Message() << inPiece << " " << int(history));
-        s->Reset();
+        s.Reset();
         bool inPlace = history != History::Window;
-        if (inPlace) s->KeepHistoryInOutput();
+        if (inPlace) s.KeepHistoryInOutput();
         int last = zin::kOk;
         Bytes got;
         constexpr size_t kShifts = 61;
         const size_t largest = *std::max_element(outSizes.begin(), outSizes.end());
         Bytes buffer(largest + kShifts, 0xA5), kept(output.size() + largest);
         for (size_t call = 0; last == zin::kOk && call < 2 * (in.size() + got.size()) + 9; ++call) {
-            if (s->availIn == 0) {  // the next piece starts where the totals say
-                s->nextIn = in.data() + s->totalIn;
-                s->availIn = static_cast<uint32_t>(std::min(inPiece, in.size() - s->totalIn));
+            if (s.availIn == 0) {  // the next piece starts where the totals say
+                s.nextIn = in.data() + s.totalIn;
+                s.availIn = static_cast<uint32_t>(std::min(inPiece, in.size() - s.totalIn));
             }
             if (inPlace && history == History::OutputThenWindow &&
                 2 * got.size() >= output.size()) {
-                s->nextOut = kept.data() + got.size();
-                s->KeepHistoryInWindow();
+                s.nextOut = kept.data() + got.size();
+                s.KeepHistoryInWindow();
                 inPlace = false;
             }
-            unsigned char* const begin = s->nextOut =
+            unsigned char* const begin = s.nextOut =
                 inPlace ? kept.data() + got.size() : buffer.data() + call * 7 % kShifts;
-            s->availOut = outSizes[call % outSizes.size()];
-            last = s->Inflate(zio::FlushPartial);
-            got.insert(got.end(), begin, s->nextOut);
-            if (!inPlace) std::fill(begin, s->nextOut, 0xA5);
+            s.availOut = outSizes[call % outSizes.size()];
+            last = s.Inflate(zio::FlushPartial);
+            got.insert(got.end(), begin, s.nextOut);
+            if (!inPlace) std::fill(begin, s.nextOut, 0xA5);
         }
         EXPECT_EQ(last, result);
         EXPECT_TRUE(got == output);
-        EXPECT_EQ(s->Inflate(zio::FlushPartial), last == zin::kStreamEnd ? last : zin::kBadCall);
-        EXPECT_TRUE(last != zin::kStreamEnd || s->totalIn == stream.size()) << "past the trailer";
+        EXPECT_EQ(s.Inflate(zio::FlushPartial), last == zin::kStreamEnd ? last : zin::kBadCall);
+        EXPECT_TRUE(last != zin::kStreamEnd || s.totalIn == stream.size()) << "past the trailer";
     }
 }
 
@@ -196,18 +195,16 @@ TEST(InflateTest, MatchesZlibForEveryLevelStrategyWindowAndFeed) {
 // streams fail after exactly the bytes zlib gives, so an Adler-32 mismatch only after all data.
 // A broken header is followed by a whole empty stream, so that nothing else can fail it.
 TEST(InflateTest, HandMadeStreams) {
-    const Bytes random = MakeData(Content::Random, 40000, 3);
     std::vector<std::pair<int, int>> longest;
-    for (unsigned char c : random)
+    for (unsigned char c : MakeData(Content::Random, 40000, 3))
         longest.push_back({c, 0});
     for (int i = 0; i < 300; ++i)
         longest.insert(longest.end(), {{258, 32768}, {3 + i % 8, 1 + i % 17}, {i & 0xff, 0}});
     std::vector<std::pair<int, int>> farBack = longest;
     farBack.insert(farBack.begin() + 5000, {10, 5001});  // in the fast loop
-    std::vector<int> lens(258, 8);  // complete: 254 codes of 8 bits, 4 of 9 (symbols 254-257)
-    std::fill(lens.begin() + 254, lens.end(), 9);
-    std::vector<int> lens287(287, 8);  // complete: 225 codes of 8 bits, 62 of 9 (symbol 256: 481)
-    std::fill(lens287.begin() + 225, lens287.end(), 9);
+    std::vector<int> lens(258, 8), lens287(287, 8);
+    std::fill(lens.begin() + 254, lens.end(), 9);        // complete: symbols 254-257 take 9 bits
+    std::fill(lens287.begin() + 225, lens287.end(), 9);  // complete: symbol 256 is 481 in 9 bits
     Bytes badTrailer = Deflate(MakeData(Content::Text, 50000, 9), 6);
     badTrailer.back() ^= 1;
     const std::pair<const char*, Bytes> cases[] = {
