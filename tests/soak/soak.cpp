@@ -1,65 +1,58 @@
-// kalpng-soak: pushes PNG frames of mixed sizes, colour types and bit depths, every 500th one
-// corrupt, through appsrc ! kalpng_dec ! appsink, and reports frames decoded, errors and the
-// process's resident memory every 1000 frames. A corrupt frame stops the stream with an error;
-// the program then takes the pipeline down to READY and back up, as an application would.
-// In tolerant mode (max-errors=-1) a corrupt frame gives a warning and the stream goes on, and
-// every 500th frame from the 250th is also cut short, which the next frame's arrival reports.
-//   kalpng-soak [FRAMES [tolerant]]      (default 10000)
-// The plug-in is taken from GST_PLUGIN_PATH, or from the build's plugin folder when unset.
+// kalpng-soak [FRAMES [tolerant]] (default 10000): pushes PNG frames of mixed sizes, colour types
+// and bit depths, every 500th one corrupt, through appsrc ! kalpng_dec ! appsink, and reports
+// frames decoded, errors and resident memory every 1000 frames. A corrupt frame stops the stream
+// with an error; the pipeline then goes down to READY and back up, as an application would do it.
+// In tolerant mode (max-errors=-1) it gives a warning and the stream goes on, and every 500th frame
+// from the 250th is also cut short, which the next frame's arrival reports. The plug-in comes from
+// GST_PLUGIN_PATH, or from the build's plugin folder when unset.
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <random>
-#include <string>
 
 #include "test_png.h"
+
+using namespace pngtest;
 
 namespace {
 
 constexpr int kCorruptEvery = 500;
-constexpr int kCutAt = 250;  // of every kCorruptEvery, in tolerant mode
-constexpr int kReportEvery = 1000;
-constexpr GstClockTime kFrameDuration = GST_SECOND / 25;
-// Generous, for runs under valgrind.
-constexpr GstClockTime kWait = 60 * GST_SECOND;
+constexpr int kCutAt = 250;                      // of every kCorruptEvery, in tolerant mode
+constexpr GstClockTime kWait = 60 * GST_SECOND;  // generous, for runs under valgrind
 
 struct Frame {
     uint32_t width, height;
     bool corrupt, cut;
-    pngtest::Bytes png;
+    Bytes png;
 };
 
-// A PNG of a size, format, interlacing and compression level drawn from the frame number, its
-// image data in IDAT chunks of 8 KiB as encoders write it. A corrupt frame has the byte after
-// its first "IDAT" flipped (the image data's, or by chance a palette entry's), the CRC kept; a
-// cut one ends halfway.
+// A PNG of a size, format, interlacing and compression level drawn from the frame number, in IDAT
+// chunks of 8 KiB as encoders write them. A corrupt frame has the byte after its first "IDAT"
+// flipped (image data, or by chance a palette entry), the CRC kept; a cut one ends halfway.
 Frame MakeFrame(int index, bool tolerant) {
     std::mt19937 draw{uint32_t(index)};
-    const pngtest::Format format = pngtest::kEveryFormat[draw() % std::size(pngtest::kEveryFormat)];
+    const Format format = kEveryFormat[draw() % std::size(kEveryFormat)];
     const bool large = index % 100 == 0;
     const uint32_t width = large ? 640 : 1 + draw() % 200;
     const uint32_t height = large ? 480 : 1 + draw() % 200;
-    pngtest::PngOptions options;
+    PngOptions options;
     options.interlaced = index % 4 == 3;
     options.level = int(draw() % 10);
     options.idatSize = 8192;
     if (format.colourType == 3) {
         const uint32_t entries = 1u << format.depth;
-        options.plte = pngtest::RandomBytes(3 * entries, draw());
+        options.plte = RandomBytes(3 * entries, draw());
         // Some of the palette's random bytes serve as alphas.
-        if (draw() % 2) options.trns = pngtest::Slice(options.plte, 0, 1 + draw() % entries);
+        if (draw() % 2) options.trns = Slice(options.plte, 0, 1 + draw() % entries);
     }
-    const pngtest::RawImage image =
-        pngtest::RandomImage(width, height, format.depth, format.colourType, draw());
+    const RawImage image = RandomImage(width, height, format.depth, format.colourType, draw());
     Frame frame{width, height, index % kCorruptEvery == 0,
-                tolerant && index % kCorruptEvery == kCutAt, pngtest::EncodePng(image, options)};
+                tolerant && index % kCorruptEvery == kCutAt, EncodePng(image, options)};
     const char idat[] = "IDAT";
     if (frame.corrupt) std::search(frame.png.begin(), frame.png.end(), idat, idat + 4)[4] ^= 0x55;
     if (frame.cut) frame.png.resize(frame.png.size() / 2);
@@ -73,6 +66,16 @@ long ResidentKilobytes() {
     return -1;
 }
 
+[[noreturn]] void Fatal(const char* what) {
+    fprintf(stderr, "kalpng-soak: %s\n", what);
+    exit(2);
+}
+
+void Start(GstElement* pipeline) {
+    if (gst_element_set_state(pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
+        Fatal("the pipeline does not start");
+}
+
 struct Soak {
     explicit Soak(bool tolerant) : tolerant_(tolerant) {
         const std::string description =
@@ -83,9 +86,8 @@ struct Soak {
         if (!pipeline_) Fatal("cannot build the pipeline (is GST_PLUGIN_PATH right?)");
         src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
         bus_ = gst_element_get_bus(pipeline_);
-        // Samples are taken as they arrive rather than pulled: a pull answers at once while
-        // appsink still remembers the end-of-stream that followed an error, even after the
-        // pipeline went down to READY and back.
+        // Samples are taken as they arrive: a pull would answer at once with the end-of-stream
+        // that followed an error, even after the pipeline went down to READY and back.
         GstAppSinkCallbacks callbacks{};
         callbacks.new_sample = [](GstAppSink* sink, gpointer samples) {
             g_async_queue_push(static_cast<GAsyncQueue*>(samples), gst_app_sink_pull_sample(sink));
@@ -94,7 +96,7 @@ struct Soak {
         GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
         gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, samples_, nullptr);
         gst_object_unref(sink);
-        Start();
+        Start(pipeline_);
     }
 
     ~Soak() {
@@ -105,44 +107,34 @@ struct Soak {
         g_async_queue_unref(samples_);
     }
 
-    // Pushes one frame in one to three buffers; true when it came out (or, for a corrupt
-    // frame, when the stream stopped with an error or went on after a warning; a cut frame
-    // waits for the next one).
+    // Pushes one frame in one to three buffers; true when it came out of its size with a clean
+    // bus, or, for a corrupt frame, when the stream stopped with an error (the input then stays
+    // stuck until READY -> PAUSED gives the element a fresh one) or went on after a warning. A
+    // cut frame waits for the next one.
     bool Push(const Frame& frame, int index) {
         const size_t pieces = 1 + index % 3;
         const size_t step = (frame.png.size() + pieces - 1) / pieces;
         for (size_t at = 0; at < frame.png.size(); at += step) {
-            const size_t n = std::min(step, frame.png.size() - at);
-            GstBuffer* buffer = gst_buffer_new_memdup(&frame.png[at], n);
-            if (at == 0) GST_BUFFER_PTS(buffer) = index * kFrameDuration;
+            GstBuffer* buffer =
+                gst_buffer_new_memdup(&frame.png[at], std::min(step, frame.png.size() - at));
+            if (at == 0) GST_BUFFER_PTS(buffer) = index * GST_SECOND / 25;
             gst_app_src_push_buffer(GST_APP_SRC(src_), buffer);
         }
-        return frame.cut || (frame.corrupt ? AwaitProblem() : AwaitFrame(frame));
-    }
-
-    [[noreturn]] static void Fatal(const char* what) {
-        fprintf(stderr, "kalpng-soak: %s\n", what);
-        exit(2);
-    }
-
-    void Start() {
-        if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
-            Fatal("the pipeline does not start");
-    }
-
-    // Drops what the bus collected, counting warnings; false when it holds an error.
-    bool DrainBus() {
-        bool clean = true;
-        while (GstMessage* message = gst_bus_pop(bus_)) {
-            clean = clean && GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR;
-            warnings_ += GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING;
+        if (frame.cut) return true;
+        if (frame.corrupt) {
+            GstMessage* message = gst_bus_timed_pop_filtered(
+                bus_, kWait, tolerant_ ? GST_MESSAGE_WARNING : GST_MESSAGE_ERROR);
+            if (!message) return false;
             gst_message_unref(message);
+            warnings_ += tolerant_;
+            if (!tolerant_) {
+                gst_element_set_state(pipeline_, GST_STATE_READY);
+                gst_bus_set_flushing(bus_, TRUE);
+                gst_bus_set_flushing(bus_, FALSE);
+                Start(pipeline_);
+            }
+            return true;
         }
-        return clean;
-    }
-
-    // The frame's sample, of its size, arrived with no error on the bus.
-    bool AwaitFrame(const Frame& frame) {
         auto* sample =
             static_cast<GstSample*>(g_async_queue_timeout_pop(samples_, kWait / GST_USECOND));
         if (!sample) return false;
@@ -152,24 +144,14 @@ struct Soak {
         gst_structure_get_int(caps, "height", &height);
         const size_t size = gst_buffer_get_size(gst_sample_get_buffer(sample));
         gst_sample_unref(sample);
-        return DrainBus() && uint32_t(width) == frame.width && uint32_t(height) == frame.height &&
+        bool clean = true;
+        while (GstMessage* message = gst_bus_pop(bus_)) {
+            clean = clean && GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR;
+            warnings_ += GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING;
+            gst_message_unref(message);
+        }
+        return clean && uint32_t(width) == frame.width && uint32_t(height) == frame.height &&
                size == size_t{frame.width} * frame.height * 4;
-    }
-
-    // A warning lets the stream go on. The chain's GST_FLOW_ERROR reaches the bus as appsrc's
-    // error; the input then stays stuck until READY -> PAUSED gives the element a fresh one.
-    bool AwaitProblem() {
-        const GstMessageType type = tolerant_ ? GST_MESSAGE_WARNING : GST_MESSAGE_ERROR;
-        GstMessage* message = gst_bus_timed_pop_filtered(bus_, kWait, type);
-        if (!message) return false;
-        gst_message_unref(message);
-        warnings_ += tolerant_;
-        if (tolerant_) return true;
-        gst_element_set_state(pipeline_, GST_STATE_READY);
-        gst_bus_set_flushing(bus_, TRUE);
-        gst_bus_set_flushing(bus_, FALSE);
-        Start();
-        return true;
     }
 
     const bool tolerant_;
@@ -200,7 +182,7 @@ int main(int argc, char** argv) {
                 fprintf(stderr, "frame %d (%ux%u%s) did not come out as expected\n", i, frame.width,
                         frame.height, frame.corrupt ? ", corrupt" : "");
             }
-            if (i % kReportEvery == 0 || i == frames)
+            if (i % 1000 == 0 || i == frames)
                 printf("frames %d: decoded %d, errors %d, VmRSS %ld kB\n", i, decoded, errors,
                        ResidentKilobytes());
             fflush(stdout);
