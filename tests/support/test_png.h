@@ -1,6 +1,5 @@
-// PNG files for the tests, written chunk by chunk with zlib making the image data so that the
-// decoder's own inflater is never its own oracle; and libpng's reading of a PNG, expanded by the
-// decoder's rules, as the reference pixels.
+// PNG files for the tests, their image data made by zlib so that the decoder's inflater is never
+// its own oracle; and libpng's reading of a PNG, expanded by the decoder's rules, as the reference.
 #pragma once
 
 #include <cstdint>
