@@ -173,6 +173,24 @@ Bytes DynamicStream(const std::vector<int>& lens, const std::vector<int>& dlens,
     return w.Finish();
 }
 
+// One final dynamic block whose last code-length repeat runs one past its 257 + 2 lengths, which
+// would leave valid codes for 'a' and the end of the block. Code-length code: 18 is 0, 1 is 10,
+// 16 is 11.
+Bytes RepeatPastTheLengths() {
+    BitWriter w;
+    w.Bits(5, 3);
+    w.Bits(0, 5);
+    w.Bits(1, 5);
+    w.Bits(15, 4);
+    for (int i = 0; i < 19; ++i)  // in the order 16, 17, 18, 0, 8, ..., 1, 15
+        w.Bits(i == 2 ? 1 : i == 0 || i == 17 ? 2 : 0, 3);
+    w.Code(0, 1), w.Bits(86, 7), w.Code(2, 2);                 // 97 zeros, then 'a' in 1 bit
+    w.Code(0, 1), w.Bits(127, 7), w.Code(0, 1), w.Bits(9, 7);  // 158 zeros
+    w.Code(2, 2), w.Code(3, 2), w.Bits(0, 2);  // the end of the block in 1 bit, then 3 more 1s
+    w.Code(0, 1), w.Code(1, 1);
+    return w.Finish();
+}
+
 // Every strategy and level, each window size at level 9; large data byte by byte in a few settings.
 TEST(InflateTest, MatchesZlibForEveryLevelStrategyWindowAndFeed) {
     for (Content content : {Content::Random, Content::Text, Content::Runs})
@@ -220,6 +238,7 @@ TEST(InflateTest, HandMadeStreams) {
         {"over-subscribed lengths", DynamicStream(std::vector<int>(257, 8), {1}, {{'a', 8}})},
         {"incomplete lengths", DynamicStream(std::vector<int>(257, 9), {1}, {{'a', 9}})},
         {"287 length codes", DynamicStream(lens287, {1}, {{'a', 8}, {481, 9}})},
+        {"code-length repeat past the last length", RepeatPastTheLengths()},
         {"distance too far back, deep in a block", FixedStream(farBack)},
         {"Adler-32 mismatch", badTrailer}};
     for (size_t i = 0; i < std::size(cases); ++i) {
