@@ -1,5 +1,6 @@
 // The decoder on PngSuite and on files made for one rule each, from memory and from streams,
-// with the vector row loops checked against the portable ones, and failures by their reports.
+// with the vector row loops checked against the portable ones, and failures by their reports;
+// and the push-mode input's chunk walk, pngSize and carry-over of the bytes after IEND.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -27,6 +29,13 @@ const std::string kKpng = kModules + "kpng/kpng", kCpng = kModules + "kpng/CPNG"
 
 using kpng::OutputFormat;
 
+// The push-mode input; Decode reads its page-array stream too, as the element does.
+struct Input : kpng::Input {
+    Input() : kpng::Input{} { Construct(); }
+    ~Input() { Destruct(); }
+    int Push(const Bytes& bytes) { return kpng::Input::Push(bytes.data(), bytes.size()); }
+};
+
 // DecodePNG from memory or a stream: the pixels without the rows' padding (none on failure) and
 // what it printed. With a stride it writes a caller's rows, whose padding must stay untouched.
 struct Decoded {
@@ -38,8 +47,7 @@ Decoded Decode(const Bytes& png, bool fromStream = false, unsigned long defaultA
                kpng::DecodeOptions options = {}) {
     Bytes rows(options.stride ? options.stride * kpng::BigEndian32(&png[20]) : 0, 0xA5);
     if (options.stride) options.destination = rows.data();
-    kpng::Input input{};  // for its stream, the element's page-array stream
-    input.Construct();
+    Input input;
     MMStreamPut(input.stream, png.data(), unsigned(png.size()));
     MMStreamReady(input.stream);
     Decoded d;
@@ -49,7 +57,6 @@ Decoded Decode(const Bytes& png, bool fromStream = false, unsigned long defaultA
         result = fromStream ? DecodePNG(input.stream, defaultAlpha, &image, options)
                             : DecodePNG(png.data(), png.size(), defaultAlpha, &image, options);
     });
-    input.Destruct();
     if (!result) return d;
     const uint32_t pixelBytes = kpng::BytesPerPixel(options.format),
                    rowBytes = image.width * pixelBytes;
@@ -523,6 +530,94 @@ TEST(OutputSize, WrappingSizesFailLikeAFailedAllocationAndNothingIsClearedAhead)
         PngWriter().Ihdr(536870851, 1, 16, 6, 1).Idat(Slice(Zlib(Bytes(64)), 0, 8)).Iend().bytes();
     EXPECT_EQ(DecodeMapped(png, ~0ul).rgba, Bytes());
     EXPECT_LT(touchedBytes, size_t{1} << 20);
+}
+
+// A place's reason in words; unknown places, a catch site among them, are the decoder's failure.
+TEST(DecodeFailure, PlacesInWords) {
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {nullptr, 1, "the decoder failed"},
+        {"elsewhere", kpng::kErrSignature, "the decoder failed"},
+        {kpng::kKpngFile, kpng::kCatchDecodeImage, "the decoder failed"},
+        {kau::kKauFile, kau::kErrHeapAllocate, "there is not enough memory"},
+        {kau::kKauFile, kau::kErrRoundUpOverflow, "a size is too large"}};
+    for (const auto& [file, position, words] : cases)
+        EXPECT_STREQ(kpng::DescribeFailure(file, position), words) << position;
+}
+
+// The first report names the cause, not the reports of the constructor and DecodePNG after it.
+TEST(DecodeFailure, RecorderIsPerThreadAndNests) {
+    const auto decode = [] { Decode(Bytes(64, 'X')); };  // no signature
+    kau::FirstReport outer;
+    {
+        kau::FirstReport inner;
+        decode();
+        EXPECT_EQ(inner.Position(), kpng::kErrSignature);
+    }
+    EXPECT_FALSE(outer.Seen());
+    std::thread(decode).join();
+    EXPECT_FALSE(outer.Seen());
+    decode();
+    EXPECT_TRUE(outer.Seen());
+}
+
+// A small PNG with an ancillary chunk and its image data in three IDATs, one of them empty.
+Bytes SmallPng(uint32_t seed) {
+    const Bytes data = Zlib(Scanlines(RandomImage(5, 4, 8, 6, seed), false, [](int) { return 4; }));
+    PngWriter png;
+    png.Ihdr(5, 4, 8, 6).Chunk("tEXt", {'a', 0, 'b'}).Idat(Slice(data, 0, 10)).Idat({});
+    return png.Idat(Slice(data, 10, data.size())).Iend().bytes();
+}
+
+// Two PNGs and a byte, pushed in pieces of every size: each PNG completes in the piece that
+// holds its end and decodes as the element decodes it; the bytes after it are carried over into
+// the next one, which completes on the next push when they hold all of it.
+TEST(Input, PngsCompleteInThePieceThatHoldsTheirEnd) {
+    const Bytes pngs[2] = {SmallPng(1), SmallPng(2)}, all = Join({pngs[0], pngs[1], {0}});
+    const Bytes expected[2] = {ReferenceDecode(pngs[0]).rgba, ReferenceDecode(pngs[1]).rgba};
+    const size_t ends[3] = {pngs[0].size(), all.size() - 1, SIZE_MAX};
+    for (size_t piece = 1; piece < all.size(); ++piece) {
+        Input input;
+        size_t done = 0;
+        for (size_t at = 0; at < all.size(); at += piece) {
+            const size_t end = std::min(all.size(), at + piece);
+            ASSERT_EQ(input.Push(Slice(all, at, end)), ends[done] <= end ? 0 : 1) << piece;
+            if (ends[done] > end) continue;
+            EXPECT_EQ(input.pngSize, pngs[done].size());
+            STImageSimple image = {};
+            MMStreamReady(input.stream);
+            EXPECT_EQ(Printed([&] { EXPECT_EQ(DecodePNG(input.stream, 255, &image), 1); }), "");
+            EXPECT_TRUE(Bytes(image.data, image.data + image.dataSize) == expected[done]) << piece;
+            kau::mem::Delete(image.data);
+            EXPECT_EQ(Printed([&] { input.ResetStreamWithDataAfterIEND(); }), "");
+            ++done;
+        }
+        EXPECT_EQ(done, 2u);
+        EXPECT_EQ(input.pngSize, 1u);
+    }
+}
+
+TEST(Input, ErrorsOfTheWalkAreRaisedAtTheByteThatShowsThem) {
+    Bytes badFirst = SmallPng(1), badLast = badFirst;
+    badFirst[0] = badLast[7] = 'X';
+    const Bytes longIend = PngWriter().Ihdr(1, 1, 8, 0).Chunk("IEND", {1, 2}).bytes();
+    const Bytes hugeChunk = PngWriter().Raw(Join({Be32(0x80000000), {'I', 'D', 'A', 'T'}})).bytes();
+    const std::tuple<Bytes, size_t, int> cases[] = {
+        {badFirst, 7, 944},
+        {badLast, 7, 944},
+        {longIend, 8 + 25 + 8 + 3, 985},  // the fourth CRC byte of IEND
+        {hugeChunk, 11, 22}};
+    for (const auto& [bytes, raisingByte, position] : cases) {
+        Input input;
+        for (size_t i = 0; i < raisingByte; ++i)
+            ASSERT_EQ(input.Push({bytes[i]}), 1) << position << " " << i;
+        try {
+            input.Push({bytes[raisingByte]});
+            ADD_FAILURE() << position << " not raised";
+        } catch (const kau::Error& e) {
+            EXPECT_STREQ(e.FileName(), kpng::kKpngFile);
+            EXPECT_EQ(e.Position(), position);
+        }
+    }
 }
 
 }  // namespace
