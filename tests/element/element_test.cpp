@@ -86,6 +86,7 @@ class Harness {
         gst_harness_set_src_caps_str(h, sinkCaps);
     }
     ~Harness() {
+        gst_bus_set_flushing(bus, TRUE);  // its messages hold the element
         gst_harness_teardown(h);
         gst_object_unref(bus);
     }
