@@ -54,13 +54,11 @@ std::pair<int, Bytes> ZlibInflate(const Bytes& stream) {
 
 enum class History { Window, Output, OutputThenWindow };
 
-// Inflates `stream` and junk behind it with one Stream, never zero-filled and Reset between feeds:
-// whole; like the PNG decoder (filter bytes, short and long rows, IDAT chunks); byte by byte when
-// `bytewise`; and into one buffer that keeps the history, all the way or until half the output.
-// Each feed must end in `result` with `output`, take nothing past the trailer, then repeat the end
-// or give kBadCall. Output kept in the window lands somewhere new each call, poisoned afterwards,
-// so that reading it instead of the window gives wrong bytes; so does reading the unwritten window
-// while the output keeps the history.
+// Inflates `stream` and junk behind it with one Stream, Reset between feeds: whole; in the PNG
+// decoder's pieces; byte by byte when `bytewise`; into one buffer that keeps the history, all the
+// way or for half the output. Each feed ends in `result` with `output`, takes nothing past the
+// trailer, then repeats the end or gives kBadCall. Output lands somewhere new each call and is
+// poisoned afterwards, so that reading it instead of the window (or the reverse) goes wrong.
 void ExpectInflates(const Bytes& stream, int result, const Bytes& output, bool bytewise = true) {
     const std::tuple<size_t, std::vector<uint32_t>, History> feeds[] = {
         {SIZE_MAX, {1u << 20}, History::Window},
@@ -209,9 +207,8 @@ TEST(InflateTest, MatchesZlibForEveryLevelStrategyWindowAndFeed) {
         }
 }
 
-// Shapes zlib never writes (distance 32768 from a wrapped window, one or no distance code); broken
-// streams fail after exactly the bytes zlib gives, so an Adler-32 mismatch only after all data.
-// A broken header is followed by a whole empty stream, so that nothing else can fail it.
+// Shapes zlib never writes; broken streams fail after exactly the bytes zlib gives (an Adler-32
+// mismatch after all data). A broken header precedes a whole empty stream: nothing else fails it.
 TEST(InflateTest, HandMadeStreams) {
     std::vector<std::pair<int, int>> longest;
     for (unsigned char c : MakeData(Content::Random, 40000, 3))
