@@ -347,6 +347,7 @@ const ChunkCase kChunkCases[] = {
     // CRCs, checked before anything the chunk says.
     {"IhdrCrcWithBadFields", {{"IHDR", IhdrData(0, 0, 3, 9), true}, kIdat, kIend}, 576, false},
     {"PlteCrc", {kPal, {"PLTE", kPlte.data, true}, kIdat, kIend}, 576, false},
+    {"SuggestedPaletteCrc", {kRgb, {"PLTE", kPlte.data, true}, kIdat, kIend}, 576, false},
     {"TrnsCrc", {kGrey, {"tRNS", Be16(0), true}, kIdat, kIend}, 576, false},
     {"BkgdCrc", {kGrey, {"bKGD", Be16(0), true}, kIdat, kIend}, 576, false},
     {"AncillaryCrc", {kRgb, {"gAMA", Be32(45455), true}, kIdat, kIend}, 576, false},
