@@ -157,10 +157,8 @@ Bytes FixedStream(const std::vector<std::pair<int, int>>& symbols) {
 Bytes DynamicStream(const std::vector<int>& lens, const std::vector<int>& dlens,
                     const std::vector<std::pair<int, int>>& codes) {
     BitWriter w;
-    w.Bits(5, 3);
-    w.Bits(static_cast<uint32_t>(lens.size() - 257), 5);
-    w.Bits(static_cast<uint32_t>(dlens.size() - 1), 5);
-    w.Bits(15, 4);
+    // Final and dynamic, then HLIT, HDIST and HCLEN (all 19 code-length codes).
+    w.Bits(5 | (lens.size() - 257) << 3 | (dlens.size() - 1) << 8 | 15 << 13, 17);
     for (int i = 0; i < 19; ++i)
         w.Bits(i < 3 ? 0 : 4, 3);  // the repeat codes 16-18 come first and are unused
     for (const std::vector<int>* v : {&lens, &dlens})
@@ -176,11 +174,8 @@ Bytes DynamicStream(const std::vector<int>& lens, const std::vector<int>& dlens,
 // 16 is 11.
 Bytes RepeatPastTheLengths() {
     BitWriter w;
-    w.Bits(5, 3);
-    w.Bits(0, 5);
-    w.Bits(1, 5);
-    w.Bits(15, 4);
-    for (int i = 0; i < 19; ++i)  // in the order 16, 17, 18, 0, 8, ..., 1, 15
+    w.Bits(5 | 0 << 3 | 1 << 8 | 15 << 13, 17);  // as above: 257 and 2 codes
+    for (int i = 0; i < 19; ++i)                 // in the order 16, 17, 18, 0, 8, ..., 1, 15
         w.Bits(i == 2 ? 1 : i == 0 || i == 17 ? 2 : 0, 3);
     w.Code(0, 1), w.Bits(86, 7), w.Code(2, 2);                 // 97 zeros, then 'a' in 1 bit
     w.Code(0, 1), w.Bits(127, 7), w.Code(0, 1), w.Bits(9, 7);  // 158 zeros
