@@ -107,12 +107,11 @@ void FilterRows(const RawImage& image, int& scanline, const std::function<int(in
     const size_t bpp = size_t(image.BitsPerPixel() + 7) / 8, rowBytes = image.RowBytes(image.width);
     for (uint32_t y = 0; y < image.height; ++y) {
         const unsigned char* row = &image.pixels[y * rowBytes];
-        const unsigned char* above = row - rowBytes;
         const int filter = filterOf(scanline++);
         out.push_back(uint8_t(filter));
         for (size_t i = 0; i < rowBytes; ++i) {
-            const int a = i >= bpp ? row[i - bpp] : 0, b = y ? above[i] : 0;
-            const int c = i >= bpp && y ? above[i - bpp] : 0;
+            const int a = i >= bpp ? row[i - bpp] : 0, b = y ? row[i - rowBytes] : 0;
+            const int c = i >= bpp && y ? row[i - rowBytes - bpp] : 0;
             const int predicted[5] = {0, a, b, (a + b) / 2, Paeth(a, b, c)};
             out.push_back(uint8_t(row[i] - (filter < 5 ? predicted[filter] : 0)));
         }
@@ -124,12 +123,9 @@ void FilterRows(const RawImage& image, int& scanline, const std::function<int(in
 Bytes Scanlines(const RawImage& image, bool interlaced, const std::function<int(int)>& filterOf) {
     Bytes out;
     int scanline = 0;
-    if (!interlaced) {
-        FilterRows(image, scanline, filterOf, out);
-        return out;
-    }
+    if (!interlaced) FilterRows(image, scanline, filterOf, out);
     for (const Pass& pass : kAdam7) {
-        if (image.width <= pass.x0 || image.height <= pass.y0) continue;  // an empty pass
+        if (!interlaced || image.width <= pass.x0 || image.height <= pass.y0) continue;
         RawImage sub = {0, 0, image.depth, image.colourType, {}};
         sub.width = (image.width - pass.x0 + pass.dx - 1) / pass.dx;
         sub.height = (image.height - pass.y0 + pass.dy - 1) / pass.dy;
@@ -207,9 +203,8 @@ bool ReadWithLibpng(FILE* file, Reference& ref, std::vector<png_bytep>& rows) {
     png_init_io(png, file);
     png_read_info(png, info);
     // The decoder's expansion: palette, low-depth grey and tRNS keys expanded, 16-bit samples
-    // cut to their high byte, grey repeated, opaque pixels 255. (libpng matches an 8-bit
-    // sample against the low byte of a key only: keys above the bit depth need tests of their
-    // own.)
+    // cut to their high byte, grey repeated, opaque pixels 255. (libpng matches 8-bit samples
+    // against a key's low byte only: keys above the depth have tests of their own.)
     png_set_expand(png);
     png_set_strip_16(png);
     png_set_gray_to_rgb(png);

@@ -53,9 +53,7 @@ struct RawImage {
     int BitsPerPixel() const {
         return depth * (colourType == 2 ? 3 : colourType == 4 ? 2 : colourType == 6 ? 4 : 1);
     }
-    size_t RowBytes(uint32_t pixelsInRow) const {
-        return (size_t(pixelsInRow) * BitsPerPixel() + 7) / 8;
-    }
+    size_t RowBytes(uint32_t pixels) const { return (size_t(pixels) * BitsPerPixel() + 7) / 8; }
     uint64_t PixelBits(uint32_t x, uint32_t y) const;  // right-aligned
     void SetPixelBits(uint32_t x, uint32_t y, uint64_t bits);
 };
@@ -89,9 +87,8 @@ Bytes EncodePng(const RawImage& image, const PngOptions& options = {});
 inline const std::string kModules =
     "middleware/multimedia-framework/media-service/gstreamer/gst-plugins-extension/Codec/SW/PNG/";
 
-// The sorted names (without ".png") of the PNG files in a folder of the test data; the bytes of
-// one named folder/name; and the valid PngSuite files and the benchmark images of at most
-// `maxBenchPixels` as folder/name, a bound that keeps a table of formats quick.
+// The sorted names (no ".png") of a test data folder's PNG files; the bytes of one folder/name;
+// the valid PngSuite files and the benchmark images of at most `maxBenchPixels`, as folder/name.
 std::vector<std::string> DataFiles(const std::string& folder);
 Bytes ReadDataFile(const std::string& folderAndName);
 std::vector<std::string> ConformanceAndBenchFiles(uint64_t maxBenchPixels);
