@@ -68,8 +68,7 @@ const ToolCase kCases[] = {
     {"none.png", 1, "", "none.png: cannot open: No such file"},
     {"rgb.png none/out.pam", 1, "", "kpng-decode: none/out.pam: cannot write: No such file"},
     {"-f pam rgb.png full", 1, "", "full: cannot write: No space"},
-    {"-o dir rgb.png bad.png", 1, "rgb.png: 3 x 1, ", "kpng-decode: bad.png: ", "dir/rgb.pam",
-     &kPam},
+    {"-o dir rgb.png bad.png", 1, "rgb.png: 3 x 1, ", "bad.png: ", "dir/rgb.pam", &kPam},
 };
 
 std::string ReadFile(const fs::path& path) {
