@@ -212,9 +212,8 @@ TEST(CompensateLighting, NeedsOneHundredPixelsBrighterThanTheThreshold) {
         const std::vector<int> untouched(3, kUntouched), white(3, 255),
             dark = count ? std::vector<int>{127, 57, 21} : white;
         for (uint32_t i = 0; i < 200; ++i)
-            ASSERT_EQ(BytesAt(PixelOf(target, i, 3), 3), !compensated ? untouched
-                                                         : i >= count ? dark
-                                                                      : white)
+            ASSERT_EQ(BytesAt(PixelOf(target, i, 3), 3),
+                      compensated ? (i < count ? white : dark) : untouched)
                 << count << " " << threshold << " " << i;
     }
 }
