@@ -220,9 +220,8 @@ char Made(std::vector<MMAttri> request) {
     MMStream* s = MMStreamNew(request.data(), static_cast<unsigned>(request.size()));
     if (!s) return '-';
     EXPECT_EQ(MMStreamGetAttri(s, nullptr, 0) + MMStreamTell(s, nullptr), request.size());
-    const char id = dynamic_cast<MMByteStream*>(s)        ? 'b'
-                    : dynamic_cast<MMPageArrayStream*>(s) ? 'p'
-                                                          : 'f';
+    const char id =
+        dynamic_cast<MMByteStream*>(s) ? 'b' : (dynamic_cast<MMPageArrayStream*>(s) ? 'p' : 'f');
     EXPECT_EQ(MMStreamDelete(&s) + MMStreamDelete(&s), 1);
     return id;
 }
