@@ -38,8 +38,7 @@ Frame MakeFrame(int index, bool tolerant) {
     std::mt19937 draw{uint32_t(index)};
     const Format format = kEveryFormat[draw() % std::size(kEveryFormat)];
     const bool large = index % 100 == 0;
-    const uint32_t width = large ? 640 : 1 + draw() % 200;
-    const uint32_t height = large ? 480 : 1 + draw() % 200;
+    const uint32_t width = large ? 640 : 1 + draw() % 200, height = large ? 480 : 1 + draw() % 200;
     PngOptions options;
     options.interlaced = index % 4 == 3;
     options.level = int(draw() % 10);
@@ -79,9 +78,8 @@ void Start(GstElement* pipeline) {
 struct Soak {
     explicit Soak(bool tolerant) : tolerant_(tolerant) {
         const std::string description =
-            std::string("appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! ") +
-            (tolerant ? "kalpng_dec max-errors=-1" : "kalpng_dec") +
-            " ! appsink name=sink sync=false";
+            "appsrc name=src format=time caps=\"image/png,framerate=25/1\" ! kalpng_dec" +
+            std::string(tolerant ? " max-errors=-1" : "") + " ! appsink name=sink sync=false";
         pipeline_ = gst_parse_launch(description.c_str(), nullptr);
         if (!pipeline_) Fatal("cannot build the pipeline (is GST_PLUGIN_PATH right?)");
         src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
@@ -93,9 +91,8 @@ struct Soak {
             g_async_queue_push(static_cast<GAsyncQueue*>(samples), gst_app_sink_pull_sample(sink));
             return GST_FLOW_OK;
         };
-        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
+        g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
         gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, samples_, nullptr);
-        gst_object_unref(sink);
         Start(pipeline_);
     }
 
@@ -122,10 +119,9 @@ struct Soak {
         }
         if (frame.cut) return true;
         if (frame.corrupt) {
-            GstMessage* message = gst_bus_timed_pop_filtered(
+            g_autoptr(GstMessage) message = gst_bus_timed_pop_filtered(
                 bus_, kWait, tolerant_ ? GST_MESSAGE_WARNING : GST_MESSAGE_ERROR);
             if (!message) return false;
-            gst_message_unref(message);
             warnings_ += tolerant_;
             if (!tolerant_) {
                 gst_element_set_state(pipeline_, GST_STATE_READY);
@@ -135,15 +131,13 @@ struct Soak {
             }
             return true;
         }
-        auto* sample =
+        g_autoptr(GstSample) sample =
             static_cast<GstSample*>(g_async_queue_timeout_pop(samples_, kWait / GST_USECOND));
         if (!sample) return false;
         int width = 0, height = 0;
-        GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample), 0);
-        gst_structure_get_int(caps, "width", &width);
-        gst_structure_get_int(caps, "height", &height);
+        gst_structure_get(gst_caps_get_structure(gst_sample_get_caps(sample), 0), "width",
+                          G_TYPE_INT, &width, "height", G_TYPE_INT, &height, nullptr);
         const size_t size = gst_buffer_get_size(gst_sample_get_buffer(sample));
-        gst_sample_unref(sample);
         bool clean = true;
         while (GstMessage* message = gst_bus_pop(bus_)) {
             clean = clean && GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR;
