@@ -395,7 +395,10 @@ TEST(ElementTolerance, FailedPngsEndTheStreamBeyondMaxErrors) {
         gst_pad_set_active(h.h->sinkpad, TRUE);
         gst_harness_push_event(h.h, gst_event_new_stream_start("restart"));
         gst_harness_set_src_caps_str(h.h, kNotPacketized);
-        ASSERT_EQ(h.Push(Join({p1, p2})), GST_FLOW_OK);
+        // Unframed, a piece that opens with a signature (here a pHYs chunk's) goes on with a PNG.
+        const Bytes signed1 = Png(4, 4, 1, {0x89504E47, 0x0D0A1A0A, 0});
+        ASSERT_EQ(h.Push(Slice(signed1, 0, 41)), GST_FLOW_OK);
+        ASSERT_EQ(h.Push(Join({Slice(signed1, 41, signed1.size()), p2})), GST_FLOW_OK);
         ASSERT_TRUE(gst_harness_push_event(h.h, gst_event_new_eos()));
         const Frames frames = h.Take();
         EXPECT_EQ(frames.data, std::vector({f1, f2}));
