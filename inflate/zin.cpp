@@ -45,10 +45,14 @@ enum Mode : uint32_t {
 //   bits 12-14  kind: subtable link, end of block, invalid code (none: length or distance)
 //   bits 16-30  literal byte, length or distance base, code-length symbol, subtable offset
 //   bit 31      literal
+// In the fast loop's root table a literal may be followed by a second one, whose code then
+// fits in the root after the first's: bits 0-7 count both codes, bits 8-15 hold the second
+// literal and bit 24 says it is there.
 constexpr uint32_t kSubtable = 0x1000;
 constexpr uint32_t kEndOfBlock = 0x2000;
 constexpr uint32_t kInvalid = 0x4000;
 constexpr uint32_t kLiteral = 0x80000000u;
+constexpr uint32_t kSecondLiteral = 0x1000000;
 
 constexpr uint32_t CodeBits(uint32_t e) {
     return e & 0xff;
@@ -78,12 +82,27 @@ constexpr uint8_t kCodeLengthOrder[19] = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
                                           11, 4,  12, 3, 13, 2, 14, 1, 15};
 
 constexpr uint32_t kMaxCodeBits = 15;
+constexpr uint32_t kLengthRoot = 9;
+
+// The fast loop's bit buffer is one machine word: a 32-bit core refills a 32-bit word more
+// often, but shifts it in one step where a 64-bit buffer takes a pair of registers and several
+// steps per shift, and keeps the loop's state in registers.
+#if UINTPTR_MAX == 0xffffffffu
+using FastWord = uint32_t;
+#else
+using FastWord = uint64_t;
+#endif
+// A 64-bit loop decodes literals in pairs from a root table built for each block. With the
+// fewer literals a 32-bit word holds per refill, building that table costs more than the
+// pairs save (measured on 32-bit ARM).
+constexpr bool kPairedLiterals = sizeof(FastWord) == 8;
+static_assert(!kPairedLiterals || kPairSpace >= 1 << kLengthRoot, "room for the pair table");
+
 // What one pass of the fast loop may need: three refills of up to 7 bytes read 8 at a time
 // (or four of 3 bytes read 4 at a time), and up to six literals (five from the root table, one
-// from a subtable).
+// from a subtable), or eleven where the root table pairs them.
 constexpr uint32_t kFastInput = 22;
-constexpr uint32_t kFastOutput = 6;
-constexpr uint32_t kLengthRoot = 9;
+constexpr uint32_t kFastOutput = kPairedLiterals ? 11 : 6;
 constexpr uint32_t kDistanceRoot = 6;
 constexpr uint32_t kCodeLengthRoot = 7;
 
@@ -213,8 +232,22 @@ constexpr uint32_t BuildTable(Code code, const uint16_t* lens, uint32_t n, uint3
     return used;
 }
 
+// The fast loop's root table: a copy of the literal/length root in which each literal is
+// paired with the literal that follows it whenever both codes fit in the root together. The
+// entry at index i >> (first code's length) is the second code's when that code fits.
+constexpr void BuildPairs(const uint32_t* root, uint32_t rootBits, uint32_t* pairs) {
+    for (uint32_t i = 0; i < (1u << rootBits); ++i) {
+        const uint32_t first = root[i], second = root[i >> CodeBits(first)];
+        const bool paired =
+            (first & second & kLiteral) && CodeBits(first) + CodeBits(second) <= rootBits;
+        pairs[i] =
+            paired ? first + CodeBits(second) + (Value(second) << 8) + kSecondLiteral : first;
+    }
+}
+
 struct FixedTables {
     uint32_t lengths[1 << kLengthRoot];
+    uint32_t pairs[kPairedLiterals ? 1 << kLengthRoot : 1];
     uint32_t distances[32];
 };
 
@@ -226,6 +259,7 @@ constexpr FixedTables MakeFixedTables() {
         lens[s] = s < 144 ? 8 : s < 256 ? 9 : s < 280 ? 7 : 8;
     uint32_t root = kLengthRoot;
     BuildTable(Code::Lengths, lens, 288, &root, fixed.lengths, 1 << kLengthRoot, work);
+    if (kPairedLiterals) BuildPairs(fixed.lengths, root, fixed.pairs);
     for (uint32_t s = 0; s < 32; ++s)
         lens[s] = 5;
     root = 5;
@@ -379,6 +413,8 @@ bool BuildBlockTables(Stream& s) {
     if (used == 0) return false;
     s.lengthCodes = s.codes;
     s.lengthBits = root;
+    if constexpr (kPairedLiterals) BuildPairs(s.codes, root, s.pairs);
+    s.pairCodes = s.pairs;
     root = kDistanceRoot;
     if (!BuildTable(Code::Distances, s.lens + s.literalCount, s.distanceCount, &root,
                     s.codes + used, kTableSpace - used, s.work))
@@ -393,15 +429,7 @@ inline uint32_t ByteSwap32(uint32_t v) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The fast loop, for the bulk of a block. Its bit buffer is one machine word: a 32-bit core
-// refills a 32-bit word more often, but shifts it in one step where a 64-bit buffer takes a
-// pair of registers and several steps per shift, and keeps the loop's state in registers.
-
-#if UINTPTR_MAX == 0xffffffffu
-using FastWord = uint32_t;
-#else
-using FastWord = uint64_t;
-#endif
+// The fast loop, for the bulk of a block.
 
 template <typename Word>
 struct FastBits {
@@ -422,7 +450,8 @@ struct FastBits {
 template <typename Word>
 [[gnu::always_inline]] inline void FastLoop(Stream& s, unsigned long start) {
     using Bits = FastBits<Word>;
-    static_assert(Bits::kLiterals + 1 <= kFastOutput, "a pass writes at most kFastOutput bytes");
+    static_assert((kPairedLiterals ? 2 : 1) * Bits::kLiterals + 1 <= kFastOutput,
+                  "a pass writes at most kFastOutput bytes");
     // The states leave fewer bits than a word holds between symbols; should they hold more,
     // they go on alone.
     if (s.bitCount >= 8 * sizeof(Word)) return;
@@ -447,7 +476,7 @@ template <typename Word>
     uint32_t bits = s.bitCount;
     constexpr bool kCountInLowByte = sizeof(Word) == 8;
     auto bitsHeld = [&]() { return kCountInLowByte ? bits & 0xff : bits; };
-    const uint32_t* const lcodes = s.lengthCodes;
+    const uint32_t* const rootCodes = kPairedLiterals ? s.pairCodes : s.lengthCodes;
     const uint32_t* const dcodes = s.distanceCodes;
     const uint32_t lengthBits = s.lengthBits, distanceBits = s.distanceBits;
     const Word lmask = static_cast<Word>(LowMask(lengthBits));
@@ -483,25 +512,32 @@ template <typename Word>
 
     const bool fast = enough && in <= inLast && out <= outLast;
     if (fast) refill();
-    uint32_t e = fast ? lcodes[hold & lmask] : 0;
+    uint32_t e = fast ? rootCodes[hold & lmask] : 0;
     while (fast && in <= inLast && out <= outLast) {
         refill();
-        if constexpr (!Bits::kLookAhead) e = lcodes[hold & lmask];
+        if constexpr (!Bits::kLookAhead) e = rootCodes[hold & lmask];
         uint32_t literals = 0;
         for (; literals < Bits::kLiterals && isLiteral(e); ++literals) {
             consumeCode(e);
-            *out++ = static_cast<unsigned char>(Value(e));
-            e = lcodes[hold & lmask];
+            if constexpr (kPairedLiterals) {
+                // Both bytes go out; the second counts only when the entry holds a pair.
+                out[0] = static_cast<unsigned char>(e >> 16);
+                out[1] = static_cast<unsigned char>(e >> 8);
+                out += 1 + ((e >> 24) & 1);
+            } else {
+                *out++ = static_cast<unsigned char>(Value(e));
+            }
+            e = rootCodes[hold & lmask];
         }
         if (literals == Bits::kLiterals) continue;
         if (bitsHeld() < (Bits::kWholeMatch ? 48 : Bits::kRefilled)) refill();
         if (e & kSubtable) {
             // Codes longer than the root: literals among them are written right away.
-            e = lcodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
+            e = s.lengthCodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
             if (isLiteral(e)) {
                 consumeCode(e);
                 *out++ = static_cast<unsigned char>(Value(e));
-                e = lcodes[hold & lmask];
+                e = rootCodes[hold & lmask];
                 continue;
             }
         }
@@ -572,7 +608,7 @@ template <typename Word>
         out += len;
         if constexpr (Bits::kLookAhead) {
             if (bitsHeld() < kLengthRoot) refill();
-            e = lcodes[hold & lmask];
+            e = rootCodes[hold & lmask];
         }
     }
 
@@ -619,12 +655,14 @@ void Stream::Reset() {
     bitCount = 0;
     length = distance = extra = 0;
     lengthCodes = distanceCodes = codes;
+    pairCodes = pairs;
     lengthBits = distanceBits = 0;
     codeLengthCount = literalCount = distanceCount = haveCount = 0;
 }
 
 void Stream::UseFixedTables() {
     lengthCodes = kFixed.lengths;
+    pairCodes = kFixed.pairs;
     lengthBits = kLengthRoot;
     distanceCodes = kFixed.distances;
     distanceBits = 5;

@@ -29,6 +29,9 @@ inline constexpr int kOk = 0, kStreamEnd = 1, kNoProgress = -1, kDataError = -2,
 // Sizes of the history window and of the space that holds the decoding tables.
 inline constexpr uint32_t kWindowSize = 32768;
 inline constexpr uint32_t kTableSpace = 1456;
+// Entries of the fast loop's copy of the literal/length root table that pairs literals, which
+// 64-bit processors use.
+inline constexpr uint32_t kPairSpace = UINTPTR_MAX > 0xffffffffu ? 512 : 1;
 // Longest match: the window keeps this many bytes of its start mirrored past its end, so
 // that a match read from the window never has to wrap.
 inline constexpr uint32_t kMaxMatch = 258;
@@ -65,6 +68,7 @@ struct Stream {
     uint32_t distance;  // pending match distance
     uint32_t extra;     // extra bits still to read for the pending length or distance
     const uint32_t* lengthCodes;
+    const uint32_t* pairCodes;  // lengthCodes' root table with literals paired
     const uint32_t* distanceCodes;
     uint32_t lengthBits;    // root width of lengthCodes
     uint32_t distanceBits;  // root width of distanceCodes
@@ -75,6 +79,7 @@ struct Stream {
     uint16_t lens[320];  // code lengths of a dynamic block's codes
     uint16_t work[288];  // symbols sorted by code length while a table is built
     uint32_t codes[kTableSpace];
+    uint32_t pairs[kPairSpace];
     unsigned char window[kWindowSize + kMaxMatch + kWindowSlack];
 
     // Back to the start of a stream: counts, totals, mode, window and bit buffer cleared,
@@ -90,8 +95,8 @@ struct Stream {
     // until Reset), kBadCall (null output, null input with input available).
     int Inflate(zio::FlushMode flush);
     // The decoding loop for the bulk of a block, run from Inflate when at least 22 input bytes
-    // and 6 bytes of output space are available; it stops before a match that does not fit.
-    // `start` is the output space the current Inflate call began with.
+    // and 6 bytes of output space (11 on 64-bit processors) are available; it stops before a match
+    // that does not fit. `start` is the output space the current Inflate call began with.
     void InflateFast(unsigned long start);
     // Installs the constant tables of the fixed Huffman codes.
     void UseFixedTables();

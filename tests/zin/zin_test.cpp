@@ -29,14 +29,21 @@ Bytes MakeData(Content content, size_t size, uint32_t seed) {
     return data;
 }
 
-Bytes Deflate(const Bytes& data, int level, int strategy = Z_DEFAULT_STRATEGY, int window = 15) {
+// zlib's stream of `data`; with `then`, the second half is written with that strategy.
+Bytes Deflate(const Bytes& data, int level, int strategy = Z_DEFAULT_STRATEGY, int window = 15,
+              int then = -1) {
     z_stream z{};
     deflateInit2(&z, level, Z_DEFLATED, window, 8, strategy);
-    Bytes out(deflateBound(&z, data.size()));
+    Bytes out(deflateBound(&z, data.size()) + 64);
     z.next_in = const_cast<unsigned char*>(data.data());
-    z.avail_in = static_cast<uInt>(data.size());
+    z.avail_in = static_cast<uInt>(then < 0 ? data.size() : data.size() / 2);
     z.next_out = out.data();
     z.avail_out = static_cast<uInt>(out.size());
+    if (then >= 0) {
+        EXPECT_EQ(deflate(&z, Z_NO_FLUSH), Z_OK);
+        EXPECT_EQ(deflateParams(&z, level, then), Z_OK);
+        z.avail_in = static_cast<uInt>(data.size() - data.size() / 2);
+    }
     EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
     out.resize(z.total_out);
     deflateEnd(&z);
@@ -199,6 +206,9 @@ TEST(InflateTest, MatchesZlibForEveryLevelStrategyWindowAndFeed) {
                         ExpectInflates(Deflate(data, level, strategy, window), zin::kStreamEnd,
                                        data, size <= 100 || level == 1 || window == 8);
                     }
+            // Fixed codes, then dynamic ones: each block decodes with its own tables.
+            ExpectInflates(Deflate(data, 6, Z_FIXED, 15, Z_DEFAULT_STRATEGY), zin::kStreamEnd, data,
+                           false);
         }
 }
 
