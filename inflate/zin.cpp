@@ -96,7 +96,8 @@ using FastWord = uint64_t;
 // fewer literals a 32-bit word holds per refill, building that table costs more than the
 // pairs save (measured on 32-bit ARM).
 constexpr bool kPairedLiterals = sizeof(FastWord) == 8;
-static_assert(!kPairedLiterals || kPairSpace >= 1 << kLengthRoot, "room for the pair table");
+static_assert(kPairSpace == (kPairedLiterals ? 1u << kLengthRoot : 1u),
+              "the header sizes the pair table for the same processors");
 
 // What one pass of the fast loop may need: three refills of up to 7 bytes read 8 at a time
 // (or four of 3 bytes read 4 at a time), and up to six literals (five from the root table, one
@@ -259,7 +260,7 @@ constexpr FixedTables MakeFixedTables() {
         lens[s] = s < 144 ? 8 : s < 256 ? 9 : s < 280 ? 7 : 8;
     uint32_t root = kLengthRoot;
     BuildTable(Code::Lengths, lens, 288, &root, fixed.lengths, 1 << kLengthRoot, work);
-    if (kPairedLiterals) BuildPairs(fixed.lengths, root, fixed.pairs);
+    if constexpr (kPairedLiterals) BuildPairs(fixed.lengths, root, fixed.pairs);
     for (uint32_t s = 0; s < 32; ++s)
         lens[s] = 5;
     root = 5;
