@@ -6,6 +6,9 @@
 #include <isa-l/igzip_lib.h>
 #include <libdeflate.h>
 #include <zlib.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
@@ -194,6 +197,22 @@ inline bool ZlibRows(const PngData& png, unsigned char* out) {
     return ok;
 }
 
+#if defined(__x86_64__)
+__attribute__((target("avx"))) inline void ClearUpperVectorHalves() {
+    _mm256_zeroupper();
+}
+#endif
+
+// isa-l's inflate returns with the upper halves of the AVX registers still in use, and every
+// SSE instruction that runs after it then pays to merge them: zin's row-driven inflate measured
+// 40 % slower on a large image once isa-l had run in the same process. Clearing them after each
+// isa-l call keeps that cost out of the other inflaters' times.
+inline void AfterIsal() {
+#if defined(__x86_64__)
+    if (__builtin_cpu_supports("avx")) ClearUpperVectorHalves();
+#endif
+}
+
 // isa-l's streaming inflate: input one IDAT chunk at a time, all output into one buffer.
 inline bool IsalStream(const PngData& png, unsigned char* out, inflate_state& state) {
     isal_inflate_init(&state);
@@ -205,7 +224,9 @@ inline bool IsalStream(const PngData& png, unsigned char* out, inflate_state& st
         state.next_in = const_cast<unsigned char*>(next);
         state.avail_in = size;
         next += size;
-        if (isal_inflate(&state) != ISAL_DECOMP_OK) return false;
+        const int result = isal_inflate(&state);
+        AfterIsal();
+        if (result != ISAL_DECOMP_OK) return false;
     }
     return state.block_state == ISAL_BLOCK_FINISH && state.avail_out == 0;
 }
