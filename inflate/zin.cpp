@@ -40,11 +40,14 @@ enum Mode : uint32_t {
 };
 
 // A decoding table entry, 32 bits:
-//   bits 0-7    bits of input the code takes (for a subtable link: the root width)
-//   bits 8-11   extra bits that follow a length or distance code (for a link: subtable width)
+//   bits 0-7    bits of input the symbol takes: its code and the extra bits that follow a
+//               length or distance code (for a subtable link: the root width)
+//   bits 8-11   bits of the code alone (for a link: the subtable width)
 //   bits 12-14  kind: subtable link, end of block, invalid code (none: length or distance)
 //   bits 16-30  literal byte, length or distance base, code-length symbol, subtable offset
 //   bit 31      literal
+// With the code and its extra bits counted together, the fast loop takes a length or distance
+// in one step: the input bits below bits 0-7, shifted past the code, are the extra value.
 // In the fast loop's root table a literal may be followed by a second one, whose code then
 // fits in the root after the first's: bits 0-7 count both codes, bits 8-15 hold the second
 // literal and bit 24 says it is there.
@@ -54,11 +57,21 @@ constexpr uint32_t kInvalid = 0x4000;
 constexpr uint32_t kLiteral = 0x80000000u;
 constexpr uint32_t kSecondLiteral = 0x1000000;
 
-constexpr uint32_t CodeBits(uint32_t e) {
+constexpr uint32_t InputBits(uint32_t e) {
     return e & 0xff;
 }
-constexpr uint32_t ExtraBits(uint32_t e) {
+constexpr uint32_t CodeBits(uint32_t e) {
     return (e >> 8) & 15;
+}
+constexpr uint32_t ExtraBits(uint32_t e) {
+    return InputBits(e) - CodeBits(e);
+}
+constexpr uint32_t SubtableBits(uint32_t link) {
+    return (link >> 8) & 15;
+}
+// The bit counts of a symbol whose code has `code` bits and is followed by `extra` bits.
+constexpr uint32_t SymbolBits(uint32_t code, uint32_t extra) {
+    return (code + extra) | (code << 8);
 }
 constexpr uint32_t Value(uint32_t e) {
     return (e >> 16) & 0x7fff;
@@ -109,25 +122,25 @@ constexpr uint32_t kCodeLengthRoot = 7;
 
 enum class Code { CodeLengths, Lengths, Distances };
 
-// The entry of one symbol, without its bit count.
-constexpr uint32_t SymbolEntry(Code code, uint32_t symbol) {
+// The entry of one symbol whose code has `len` bits.
+constexpr uint32_t SymbolEntry(Code code, uint32_t symbol, uint32_t len) {
     switch (code) {
         case Code::CodeLengths:
-            return symbol << 16;
+            return (symbol << 16) | SymbolBits(len, 0);
         case Code::Lengths:
-            if (symbol < 256) return kLiteral | (symbol << 16);
-            if (symbol == 256) return kEndOfBlock;
+            if (symbol < 256) return kLiteral | (symbol << 16) | SymbolBits(len, 0);
+            if (symbol == 256) return kEndOfBlock | SymbolBits(len, 0);
             if (symbol < 286)
                 return (uint32_t{kLengthBase[symbol - 257]} << 16) |
-                       (uint32_t{kLengthExtra[symbol - 257]} << 8);
-            return kInvalid;
+                       SymbolBits(len, kLengthExtra[symbol - 257]);
+            break;
         case Code::Distances:
             if (symbol < 30)
                 return (uint32_t{kDistanceBase[symbol]} << 16) |
-                       (uint32_t{kDistanceExtra[symbol]} << 8);
-            return kInvalid;
+                       SymbolBits(len, kDistanceExtra[symbol]);
+            break;
     }
-    return kInvalid;
+    return kInvalid | SymbolBits(len, 0);
 }
 
 // The low `bits` bits of `code` in reverse order (bits <= 16).
@@ -157,7 +170,7 @@ constexpr uint32_t BuildTable(Code code, const uint16_t* lens, uint32_t n, uint3
     if (longest == 0) {
         // No codes at all: acceptable only for distances (a block of literals only).
         if (code != Code::Distances || space < 2) return 0;
-        table[0] = table[1] = kInvalid | 1;
+        table[0] = table[1] = kInvalid | SymbolBits(1, 0);
         *rootBits = 1;
         return 2;
     }
@@ -173,7 +186,7 @@ constexpr uint32_t BuildTable(Code code, const uint16_t* lens, uint32_t n, uint3
     if (rootSize > space) return 0;
     if (left > 0) {
         for (uint32_t i = 0; i < rootSize; ++i)
-            table[i] = kInvalid | root;
+            table[i] = kInvalid | SymbolBits(root, 0);
     }
 
     // Symbols sorted by code length, then by value: the canonical order of code values.
@@ -198,7 +211,7 @@ constexpr uint32_t BuildTable(Code code, const uint16_t* lens, uint32_t n, uint3
         uint32_t len = lens[symbol];
         uint32_t codeValue = next[len]++;
         uint32_t reversed = Reverse(codeValue, len);
-        uint32_t entry = SymbolEntry(code, symbol) | len;
+        uint32_t entry = SymbolEntry(code, symbol, len);
         if (len <= root) {
             for (uint32_t i = reversed; i < rootSize; i += uint32_t{1} << len)
                 table[i] = entry;
@@ -238,11 +251,12 @@ constexpr uint32_t BuildTable(Code code, const uint16_t* lens, uint32_t n, uint3
 // entry at index i >> (first code's length) is the second code's when that code fits.
 constexpr void BuildPairs(const uint32_t* root, uint32_t rootBits, uint32_t* pairs) {
     for (uint32_t i = 0; i < (1u << rootBits); ++i) {
-        const uint32_t first = root[i], second = root[i >> CodeBits(first)];
+        const uint32_t first = root[i], second = root[i >> InputBits(first)];
         const bool paired =
-            (first & second & kLiteral) && CodeBits(first) + CodeBits(second) <= rootBits;
+            (first & second & kLiteral) && InputBits(first) + InputBits(second) <= rootBits;
         pairs[i] =
-            paired ? first + CodeBits(second) + (Value(second) << 8) + kSecondLiteral : first;
+            paired ? (first & ~0xff00u) + InputBits(second) + (Value(second) << 8) + kSecondLiteral
+                   : first;
     }
 }
 
@@ -387,12 +401,12 @@ struct BitReader {
         uint32_t e;
         for (;;) {
             e = table[hold & LowMask(root)];
-            if (CodeBits(e) <= bits) break;
+            if (((e & kSubtable) ? root : CodeBits(e)) <= bits) break;
             if (!PullByte()) return false;
         }
         if (e & kSubtable) {
             const uint32_t* sub = table + Value(e);
-            uint32_t width = ExtraBits(e);
+            uint32_t width = SubtableBits(e);
             for (;;) {
                 e = sub[(hold >> root) & LowMask(width)];
                 if (CodeBits(e) <= bits) break;
@@ -470,9 +484,9 @@ template <typename Word>
     unsigned char* const outBegin = out - inMemory;
     const uint32_t windowHeld = s.historyInOutput ? 0 : s.windowFill;
     Word hold = static_cast<Word>(s.bitBuffer);
-    // With a 64-bit word the count of bits held is the low byte of `bits`: a code is taken by
-    // subtracting its whole entry, whose low byte is the code's length, which spares taking the
-    // length out of it. With a 32-bit word on 32-bit ARM the plain count costs fewer
+    // With a 64-bit word the count of bits held is the low byte of `bits`: a symbol is taken by
+    // subtracting its whole entry, whose low byte is the bits the symbol takes, which spares
+    // taking the count out of it. With a 32-bit word on 32-bit ARM the plain count costs fewer
     // instructions (measured).
     uint32_t bits = s.bitCount;
     constexpr bool kCountInLowByte = sizeof(Word) == 8;
@@ -496,16 +510,21 @@ template <typename Word>
         hold >>= n;
         bits -= n;
     };
-    auto consumeCode = [&](uint32_t e) {
-        hold >>= CodeBits(e);
-        bits -= kCountInLowByte ? e : CodeBits(e);
+    auto consumeSymbol = [&](uint32_t e) {
+        hold >>= InputBits(e);
+        bits -= kCountInLowByte ? e : InputBits(e);
     };
     auto isLiteral = [](uint32_t e) { return static_cast<int32_t>(e) < 0; };
-    // The value of a length or distance entry whose code is already consumed.
-    auto takeExtra = [&](uint32_t e) {
-        const uint32_t value = Value(e) + static_cast<uint32_t>(hold & LowMask(ExtraBits(e)));
-        consume(ExtraBits(e));
+    auto takeBits = [&](uint32_t n) {
+        const uint32_t value = static_cast<uint32_t>(hold & LowMask(n));
+        consume(n);
         return value;
+    };
+    // The value of a length or distance entry, its code and extra bits consumed together.
+    auto takeSymbol = [&](uint32_t e) {
+        const uint32_t extra = static_cast<uint32_t>(hold & LowMask(InputBits(e))) >> CodeBits(e);
+        consumeSymbol(e);
+        return Value(e) + extra;
     };
     const bool enough = s.availIn >= kFastInput && s.availOut >= kFastOutput;
     const unsigned char* const inLast = enough ? inEnd - kFastInput : in;
@@ -519,7 +538,7 @@ template <typename Word>
         if constexpr (!Bits::kLookAhead) e = rootCodes[hold & lmask];
         uint32_t literals = 0;
         for (; literals < Bits::kLiterals && isLiteral(e); ++literals) {
-            consumeCode(e);
+            consumeSymbol(e);
             if constexpr (kPairedLiterals) {
                 // Both bytes go out; the second counts only when the entry holds a pair.
                 out[0] = static_cast<unsigned char>(e >> 16);
@@ -534,9 +553,9 @@ template <typename Word>
         if (bitsHeld() < (Bits::kWholeMatch ? 48 : Bits::kRefilled)) refill();
         if (e & kSubtable) {
             // Codes longer than the root: literals among them are written right away.
-            e = s.lengthCodes[Value(e) + ((hold >> lengthBits) & LowMask(ExtraBits(e)))];
+            e = s.lengthCodes[Value(e) + ((hold >> lengthBits) & LowMask(SubtableBits(e)))];
             if (isLiteral(e)) {
-                consumeCode(e);
+                consumeSymbol(e);
                 *out++ = static_cast<unsigned char>(Value(e));
                 e = rootCodes[hold & lmask];
                 continue;
@@ -544,7 +563,7 @@ template <typename Word>
         }
         if (e & (kEndOfBlock | kInvalid)) {
             if (e & kEndOfBlock) {
-                consumeCode(e);
+                consumeSymbol(e);
                 s.mode = kModeBlock;
             } else {
                 s.mode = kModeError;
@@ -554,21 +573,27 @@ template <typename Word>
         const unsigned char* const symbolIn = in;
         const Word symbolHold = hold;
         const uint32_t symbolBits = bits;
-        consumeCode(e);
-        const uint32_t len = takeExtra(e);
+        const uint32_t len = takeSymbol(e);
         if constexpr (!Bits::kWholeMatch) refill();
         uint32_t d = dcodes[hold & dmask];
         if (d & (kSubtable | kInvalid)) {
             if (d & kSubtable)
-                d = dcodes[Value(d) + ((hold >> distanceBits) & LowMask(ExtraBits(d)))];
+                d = dcodes[Value(d) + ((hold >> distanceBits) & LowMask(SubtableBits(d)))];
             if (d & kInvalid) {
                 s.mode = kModeError;
                 break;
             }
         }
-        consumeCode(d);
-        if constexpr (!Bits::kWholeMatch) refill();
-        const uint32_t dist = takeExtra(d);
+        uint32_t dist;
+        if (Bits::kWholeMatch || InputBits(d) <= bitsHeld()) {
+            dist = takeSymbol(d);
+        } else {
+            // A long distance code with many extra bits can take more than a refilled 32-bit
+            // word holds: its code goes first, then a refill, then the extra bits.
+            consume(CodeBits(d));
+            refill();
+            dist = Value(d) + takeBits(ExtraBits(d));
+        }
 
         const uint32_t room = static_cast<uint32_t>(outEnd - out);
         if (len > room) {

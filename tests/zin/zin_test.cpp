@@ -176,6 +176,31 @@ Bytes DynamicStream(const std::vector<int>& lens, const std::vector<int>& dlens,
     return w.Finish();
 }
 
+// One final dynamic block of random literals, then matches of length 3 whose distance codes
+// take 15 bits and 13 extra bits (symbols 28 and 29), a few literals apart so that they start at
+// every bit position. Literal/length lengths as `lens` in HandMadeStreams; distance symbol k < 14
+// takes k + 1 bits, code 2^(k + 1) - 2.
+Bytes LongDistanceCodes(const std::vector<int>& lens) {
+    std::vector<int> dlens(30, 0);
+    for (int k = 0; k < 14; ++k)
+        dlens[k] = k + 1;
+    dlens[28] = dlens[29] = 15;
+    std::vector<std::pair<int, int>> codes;
+    for (unsigned char c : MakeData(Content::Random, 33000, 5))
+        codes.push_back(c < 254 ? std::pair{int{c}, 8} : std::pair{c - 254 + 508, 9});
+    for (int i = 0; i < 40; ++i) {
+        const int extra = i * 197, symbol = i % 2 ? 29 : 28;  // distances 16385-32767
+        int reversed = 0;  // extra bits go least significant first
+        for (int b = 0; b < 13; ++b)
+            reversed |= ((extra >> b) & 1) << (12 - b);
+        codes.insert(codes.end(), {{511, 9}, {32766 + symbol - 28, 15}, {reversed, 13}});
+        for (int k = 0; k < i % 7; ++k)
+            codes.push_back({'a' + k, 8});
+    }
+    codes.push_back({510, 9});
+    return DynamicStream(lens, dlens, codes);
+}
+
 // One final dynamic block whose last code-length repeat runs one past its 257 + 2 lengths, which
 // would leave valid codes for 'a' and the end of the block. Code-length code: 18 is 0, 1 is 10,
 // 16 is 11.
@@ -231,6 +256,7 @@ TEST(InflateTest, HandMadeStreams) {
         {"distance 32768, length 258", FixedStream(longest)},
         {"one-bit distance code", DynamicStream(lens, {1}, {{'a', 8}, {511, 9}, {0, 1}, {510, 9}})},
         {"no distance code", DynamicStream(lens, {0}, {{'a', 8}, {510, 9}})},
+        {"distance codes of 15 bits with 13 extra bits", LongDistanceCodes(lens)},
         {"header checksum", {0x78, 0x9d, 0x03, 0x00, 0, 0, 0, 1}},
         {"method 7", {0x77, 0x09, 0x03, 0x00, 0, 0, 0, 1}},
         {"window field 8", {0x88, 0x1c, 0x03, 0x00, 0, 0, 0, 1}},
@@ -246,8 +272,8 @@ TEST(InflateTest, HandMadeStreams) {
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(cases[i].first);
         const auto [zlibResult, output] = ZlibInflate(cases[i].second);
-        ASSERT_EQ(zlibResult == Z_OK, i < 3);
-        ExpectInflates(cases[i].second, i < 3 ? zin::kStreamEnd : zin::kDataError, output);
+        ASSERT_EQ(zlibResult == Z_OK, i < 4);
+        ExpectInflates(cases[i].second, i < 4 ? zin::kStreamEnd : zin::kDataError, output);
     }
 }
 
