@@ -105,18 +105,22 @@ using FastWord = uint32_t;
 #else
 using FastWord = uint64_t;
 #endif
-// A 64-bit loop decodes literals in pairs from a root table built for each block. With the
-// fewer literals a 32-bit word holds per refill, building that table costs more than the
-// pairs save (measured on 32-bit ARM).
-constexpr bool kPairedLiterals = sizeof(FastWord) == 8;
-static_assert(kPairSpace == (kPairedLiterals ? 1u << kLengthRoot : 1u),
-              "the header sizes the pair table for the same processors");
+// A 64-bit loop decodes from tables of its own, built for each block: roots wide enough that
+// few codes need a subtable, literals in pairs. With the fewer literals a 32-bit word holds per
+// refill, building them costs more than they save (measured on 32-bit ARM), and a 32-bit loop
+// reads the state machine's tables.
+constexpr bool kFastTables = sizeof(FastWord) == 8;
+constexpr uint32_t kFastLengthRoot = 10;
+constexpr uint32_t kFastDistanceRoot = 9;
+static_assert(kFastLengthSpace == (kFastTables ? 1u << kFastLengthRoot : 1u) &&
+                  kFastDistanceSpace == (kFastTables ? 1u << kFastDistanceRoot : 1u),
+              "the header sizes the fast tables for the same processors");
 
 // What one pass of the fast loop may need: three refills of up to 7 bytes read 8 at a time
-// (or four of 3 bytes read 4 at a time), and up to six literals (five from the root table, one
-// from a subtable), or eleven where the root table pairs them.
+// (or four of 3 bytes read 4 at a time), and up to three literals (two from the root table, one
+// from a subtable), or nine where the root table pairs them.
 constexpr uint32_t kFastInput = 22;
-constexpr uint32_t kFastOutput = kPairedLiterals ? 11 : 6;
+constexpr uint32_t kFastOutput = kFastTables ? 9 : 3;
 constexpr uint32_t kDistanceRoot = 6;
 constexpr uint32_t kCodeLengthRoot = 7;
 
@@ -246,23 +250,78 @@ constexpr uint32_t BuildTable(Code code, const uint16_t* lens, uint32_t n, uint3
     return used;
 }
 
-// The fast loop's root table: a copy of the literal/length root in which each literal is
-// paired with the literal that follows it whenever both codes fit in the root together. The
-// entry at index i >> (first code's length) is the second code's when that code fits.
-constexpr void BuildPairs(const uint32_t* root, uint32_t rootBits, uint32_t* pairs) {
+// Copies the root table `root` into `pairs` with each literal paired with the literal that
+// follows it whenever both codes fit in the root together: the entry at index
+// i >> (first code's length) is the second code's when that code fits. Without `pairable` (no two
+// literal codes are that short) it only copies.
+constexpr void PairLiterals(const uint32_t* root, uint32_t rootBits, bool pairable,
+                            uint32_t* pairs) {
     for (uint32_t i = 0; i < (1u << rootBits); ++i) {
         const uint32_t first = root[i], second = root[i >> InputBits(first)];
-        const bool paired =
-            (first & second & kLiteral) && InputBits(first) + InputBits(second) <= rootBits;
+        const bool paired = pairable && (first & second & kLiteral) &&
+                            InputBits(first) + InputBits(second) <= rootBits;
         pairs[i] =
             paired ? (first & ~0xff00u) + InputBits(second) + (Value(second) << 8) + kSecondLiteral
                    : first;
     }
 }
 
+// Widens in place the root table held in the first 2^rootBits entries of `table` to 2^wideBits:
+// every root entry repeats, and where a link's subtable (in `subtables`) fits in the wider root,
+// its codes take the link's places. Without `links` the root holds none. Literal pairs may be
+// there already: their second literal can look like a link's kind.
+constexpr void Widen(uint32_t* table, uint32_t rootBits, uint32_t wideBits,
+                     const uint32_t* subtables, bool links) {
+    const uint32_t rootSize = 1u << rootBits, wideSize = 1u << wideBits;
+    for (uint32_t held = rootSize; held < wideSize; held *= 2) {
+        for (uint32_t i = 0; i < held; ++i)
+            table[held + i] = table[i];
+    }
+    for (uint32_t j = 0; links && j < rootSize; ++j) {
+        const uint32_t link = table[j];
+        if ((link & (kLiteral | kSubtable)) != kSubtable ||
+            rootBits + SubtableBits(link) > wideBits)
+            continue;
+        for (uint32_t i = j; i < wideSize; i += rootSize)
+            table[i] = subtables[Value(link) + ((i >> rootBits) & LowMask(SubtableBits(link)))];
+    }
+}
+
+// Whether two of the literal codes whose lengths `lens` gives fit in `bits` together.
+constexpr bool LiteralsPair(const uint16_t* lens, uint32_t bits) {
+    uint32_t shortest = kMaxCodeBits;
+    for (uint32_t symbol = 0; symbol < 256; ++symbol) {
+        if (lens[symbol] != 0 && lens[symbol] < shortest) shortest = lens[symbol];
+    }
+    return 2 * shortest <= bits;
+}
+
+// The fast loop's tables for a block whose tables take `lengthUsed` and `distanceUsed` entries.
+// On 64-bit processors: the literal/length root with its literals paired and widened to
+// kFastLengthRoot bits, always, so that the loop masks it with a constant; the distance root
+// widened where some codes run past it. A 32-bit loop takes the tables themselves.
+void BuildFastTables(Stream& s, uint32_t lengthUsed, uint32_t distanceUsed) {
+    s.fastLengthCodes = s.lengthCodes;
+    s.fastDistanceCodes = s.distanceCodes;
+    s.fastDistanceBits = s.distanceBits;
+    if constexpr (kFastTables) {
+        const uint32_t lengthRoot = 1u << s.lengthBits, distanceRoot = 1u << s.distanceBits;
+        PairLiterals(s.lengthCodes, s.lengthBits, LiteralsPair(s.lens, s.lengthBits),
+                     s.fastLengths);
+        Widen(s.fastLengths, s.lengthBits, kFastLengthRoot, s.lengthCodes, lengthUsed > lengthRoot);
+        s.fastLengthCodes = s.fastLengths;
+        if (distanceUsed > distanceRoot) {
+            std::memcpy(s.fastDistances, s.distanceCodes, distanceRoot * sizeof(uint32_t));
+            Widen(s.fastDistances, s.distanceBits, kFastDistanceRoot, s.distanceCodes, true);
+            s.fastDistanceCodes = s.fastDistances;
+            s.fastDistanceBits = kFastDistanceRoot;
+        }
+    }
+}
+
 struct FixedTables {
     uint32_t lengths[1 << kLengthRoot];
-    uint32_t pairs[kPairedLiterals ? 1 << kLengthRoot : 1];
+    uint32_t fastLengths[kFastTables ? 1 << kFastLengthRoot : 1];
     uint32_t distances[32];
 };
 
@@ -274,7 +333,10 @@ constexpr FixedTables MakeFixedTables() {
         lens[s] = s < 144 ? 8 : s < 256 ? 9 : s < 280 ? 7 : 8;
     uint32_t root = kLengthRoot;
     BuildTable(Code::Lengths, lens, 288, &root, fixed.lengths, 1 << kLengthRoot, work);
-    if constexpr (kPairedLiterals) BuildPairs(fixed.lengths, root, fixed.pairs);
+    if constexpr (kFastTables) {
+        PairLiterals(fixed.lengths, root, LiteralsPair(lens, root), fixed.fastLengths);
+        Widen(fixed.fastLengths, root, kFastLengthRoot, fixed.lengths, false);
+    }
     for (uint32_t s = 0; s < 32; ++s)
         lens[s] = 5;
     root = 5;
@@ -428,14 +490,14 @@ bool BuildBlockTables(Stream& s) {
     if (used == 0) return false;
     s.lengthCodes = s.codes;
     s.lengthBits = root;
-    if constexpr (kPairedLiterals) BuildPairs(s.codes, root, s.pairs);
-    s.pairCodes = s.pairs;
     root = kDistanceRoot;
-    if (!BuildTable(Code::Distances, s.lens + s.literalCount, s.distanceCount, &root,
-                    s.codes + used, kTableSpace - used, s.work))
-        return false;
+    const uint32_t distanceUsed =
+        BuildTable(Code::Distances, s.lens + s.literalCount, s.distanceCount, &root, s.codes + used,
+                   kTableSpace - used, s.work);
+    if (distanceUsed == 0) return false;
     s.distanceCodes = s.codes + used;
     s.distanceBits = root;
+    BuildFastTables(s, used, distanceUsed);
     return true;
 }
 
@@ -456,16 +518,17 @@ struct FastBits {
     // A 64-bit word keeps a whole root entry held after its literals, so that the next entry is
     // looked up while the refill runs; a 32-bit word looks it up after each refill instead.
     static constexpr bool kLookAhead = kWholeMatch;
-    // Literals from the root table decoded per refill: five in a 64-bit word, two in a 32-bit one.
-    static constexpr uint32_t kLiterals =
-        (kRefilled - (kLookAhead ? kLengthRoot : 0)) / kLengthRoot;
+    // The widest root of the literal/length codes the loop decodes from.
+    static constexpr uint32_t kRoot = kFastTables ? kFastLengthRoot : kLengthRoot;
+    // Literals from the root table decoded per refill: four in a 64-bit word, two in a 32-bit one.
+    static constexpr uint32_t kLiterals = (kRefilled - (kLookAhead ? kRoot : 0)) / kRoot;
 };
 
 // Inlined into each caller, so that each compiles it for the instructions it is built for.
 template <typename Word>
 [[gnu::always_inline]] inline void FastLoop(Stream& s, unsigned long start) {
     using Bits = FastBits<Word>;
-    static_assert((kPairedLiterals ? 2 : 1) * Bits::kLiterals + 1 <= kFastOutput,
+    static_assert((kFastTables ? 2 : 1) * Bits::kLiterals + 1 <= kFastOutput,
                   "a pass writes at most kFastOutput bytes");
     // The states leave fewer bits than a word holds between symbols; should they hold more,
     // they go on alone.
@@ -491,11 +554,11 @@ template <typename Word>
     uint32_t bits = s.bitCount;
     constexpr bool kCountInLowByte = sizeof(Word) == 8;
     auto bitsHeld = [&]() { return kCountInLowByte ? bits & 0xff : bits; };
-    const uint32_t* const rootCodes = kPairedLiterals ? s.pairCodes : s.lengthCodes;
-    const uint32_t* const dcodes = s.distanceCodes;
+    const uint32_t* const rootCodes = s.fastLengthCodes;
+    const uint32_t* const dcodes = s.fastDistanceCodes;
     const uint32_t lengthBits = s.lengthBits, distanceBits = s.distanceBits;
-    const Word lmask = static_cast<Word>(LowMask(lengthBits));
-    const Word dmask = static_cast<Word>(LowMask(distanceBits));
+    const Word lmask = static_cast<Word>(LowMask(kFastTables ? kFastLengthRoot : lengthBits));
+    const Word dmask = static_cast<Word>(LowMask(s.fastDistanceBits));
 
     // A refill loads a word and takes the whole bytes that fit beside the bits held (up to 7
     // bytes of a 64-bit word, 3 of a 32-bit one): a pass reads at most kFastInput bytes from
@@ -539,7 +602,7 @@ template <typename Word>
         uint32_t literals = 0;
         for (; literals < Bits::kLiterals && isLiteral(e); ++literals) {
             consumeSymbol(e);
-            if constexpr (kPairedLiterals) {
+            if constexpr (kFastTables) {
                 // Both bytes go out; the second counts only when the entry holds a pair.
                 out[0] = static_cast<unsigned char>(e >> 16);
                 out[1] = static_cast<unsigned char>(e >> 8);
@@ -577,8 +640,12 @@ template <typename Word>
         if constexpr (!Bits::kWholeMatch) refill();
         uint32_t d = dcodes[hold & dmask];
         if (d & (kSubtable | kInvalid)) {
-            if (d & kSubtable)
-                d = dcodes[Value(d) + ((hold >> distanceBits) & LowMask(SubtableBits(d)))];
+            if (d & kSubtable) {
+                // Links lead into the state machine's table, which a 32-bit loop reads as its
+                // root table: it reaches it through the pointer it holds, sparing a register.
+                const uint32_t* const table = kFastTables ? s.distanceCodes : dcodes;
+                d = table[Value(d) + ((hold >> distanceBits) & LowMask(SubtableBits(d)))];
+            }
             if (d & kInvalid) {
                 s.mode = kModeError;
                 break;
@@ -633,7 +700,7 @@ template <typename Word>
         }
         out += len;
         if constexpr (Bits::kLookAhead) {
-            if (bitsHeld() < kLengthRoot) refill();
+            if (bitsHeld() < Bits::kRoot) refill();
             e = rootCodes[hold & lmask];
         }
     }
@@ -680,18 +747,17 @@ void Stream::Reset() {
     bitBuffer = 0;
     bitCount = 0;
     length = distance = extra = 0;
-    lengthCodes = distanceCodes = codes;
-    pairCodes = pairs;
-    lengthBits = distanceBits = 0;
+    lengthCodes = distanceCodes = fastLengthCodes = fastDistanceCodes = codes;
+    lengthBits = distanceBits = fastDistanceBits = 0;
     codeLengthCount = literalCount = distanceCount = haveCount = 0;
 }
 
 void Stream::UseFixedTables() {
     lengthCodes = kFixed.lengths;
-    pairCodes = kFixed.pairs;
     lengthBits = kLengthRoot;
-    distanceCodes = kFixed.distances;
-    distanceBits = 5;
+    fastLengthCodes = kFastTables ? kFixed.fastLengths : kFixed.lengths;
+    distanceCodes = fastDistanceCodes = kFixed.distances;
+    distanceBits = fastDistanceBits = 5;
 }
 
 void Stream::InflateFast(unsigned long start) {

@@ -29,9 +29,10 @@ inline constexpr int kOk = 0, kStreamEnd = 1, kNoProgress = -1, kDataError = -2,
 // Sizes of the history window and of the space that holds the decoding tables.
 inline constexpr uint32_t kWindowSize = 32768;
 inline constexpr uint32_t kTableSpace = 1456;
-// Entries of the fast loop's copy of the literal/length root table that pairs literals, which
-// 64-bit processors use.
-inline constexpr uint32_t kPairSpace = UINTPTR_MAX > 0xffffffffu ? 512 : 1;
+// Entries of the fast loop's own literal/length and distance tables, which 64-bit processors
+// build for each block: wider roots than the state machine's tables, literals paired.
+inline constexpr uint32_t kFastLengthSpace = UINTPTR_MAX > 0xffffffffu ? 1024 : 1;
+inline constexpr uint32_t kFastDistanceSpace = UINTPTR_MAX > 0xffffffffu ? 512 : 1;
 // Longest match: the window keeps this many bytes of its start mirrored past its end, so
 // that a match read from the window never has to wrap.
 inline constexpr uint32_t kMaxMatch = 258;
@@ -68,10 +69,14 @@ struct Stream {
     uint32_t distance;  // pending match distance
     uint32_t extra;     // extra bits still to read for the pending length or distance
     const uint32_t* lengthCodes;
-    const uint32_t* pairCodes;  // lengthCodes' root table with literals paired
     const uint32_t* distanceCodes;
     uint32_t lengthBits;    // root width of lengthCodes
     uint32_t distanceBits;  // root width of distanceCodes
+    // The fast loop's root tables, whose subtables are those of lengthCodes and distanceCodes;
+    // the literal/length one is kFastLengthSpace entries wide on 64-bit processors.
+    const uint32_t* fastLengthCodes;
+    const uint32_t* fastDistanceCodes;
+    uint32_t fastDistanceBits;  // root width of fastDistanceCodes
     uint32_t codeLengthCount;
     uint32_t literalCount;
     uint32_t distanceCount;
@@ -79,7 +84,8 @@ struct Stream {
     uint16_t lens[320];  // code lengths of a dynamic block's codes
     uint16_t work[288];  // symbols sorted by code length while a table is built
     uint32_t codes[kTableSpace];
-    uint32_t pairs[kPairSpace];
+    uint32_t fastLengths[kFastLengthSpace];
+    uint32_t fastDistances[kFastDistanceSpace];
     unsigned char window[kWindowSize + kMaxMatch + kWindowSlack];
 
     // Back to the start of a stream: counts, totals, mode, window and bit buffer cleared,
@@ -95,7 +101,7 @@ struct Stream {
     // until Reset), kBadCall (null output, null input with input available).
     int Inflate(zio::FlushMode flush);
     // The decoding loop for the bulk of a block, run from Inflate when at least 22 input bytes
-    // and 6 bytes of output space (11 on 64-bit processors) are available; it stops before a match
+    // and 3 bytes of output space (9 on 64-bit processors) are available; it stops before a match
     // that does not fit. `start` is the output space the current Inflate call began with.
     void InflateFast(unsigned long start);
     // Installs the constant tables of the fixed Huffman codes.

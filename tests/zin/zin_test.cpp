@@ -201,6 +201,23 @@ Bytes LongDistanceCodes(const std::vector<int>& lens) {
     return DynamicStream(lens, dlens, codes);
 }
 
+// One final dynamic block of the literals '0' to '=' with codes of 1 to 14 bits, random, so that
+// short codes pair and long ones continue past any root; the end of the block and the length 3
+// take 15 bits.
+Bytes ShortAndLongLiteralCodes() {
+    std::vector<int> lens(258, 0);
+    for (int k = 0; k < 14; ++k)
+        lens['0' + k] = k + 1;
+    lens[256] = lens[257] = 15;
+    std::vector<std::pair<int, int>> codes;
+    for (unsigned char c : MakeData(Content::Random, 5000, 7)) {
+        const int k = c % 16 < 14 ? c % 16 : c % 4;
+        codes.push_back({(2 << k) - 2, k + 1});
+    }
+    codes.push_back({32766, 15});
+    return DynamicStream(lens, {1}, codes);
+}
+
 // One final dynamic block whose last code-length repeat runs one past its 257 + 2 lengths, which
 // would leave valid codes for 'a' and the end of the block. Code-length code: 18 is 0, 1 is 10,
 // 16 is 11.
@@ -257,6 +274,7 @@ TEST(InflateTest, HandMadeStreams) {
         {"one-bit distance code", DynamicStream(lens, {1}, {{'a', 8}, {511, 9}, {0, 1}, {510, 9}})},
         {"no distance code", DynamicStream(lens, {0}, {{'a', 8}, {510, 9}})},
         {"distance codes of 15 bits with 13 extra bits", LongDistanceCodes(lens)},
+        {"literal codes of 1 to 14 bits", ShortAndLongLiteralCodes()},
         {"header checksum", {0x78, 0x9d, 0x03, 0x00, 0, 0, 0, 1}},
         {"method 7", {0x77, 0x09, 0x03, 0x00, 0, 0, 0, 1}},
         {"window field 8", {0x88, 0x1c, 0x03, 0x00, 0, 0, 0, 1}},
@@ -272,8 +290,8 @@ TEST(InflateTest, HandMadeStreams) {
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(cases[i].first);
         const auto [zlibResult, output] = ZlibInflate(cases[i].second);
-        ASSERT_EQ(zlibResult == Z_OK, i < 4);
-        ExpectInflates(cases[i].second, i < 4 ? zin::kStreamEnd : zin::kDataError, output);
+        ASSERT_EQ(zlibResult == Z_OK, i < 5);
+        ExpectInflates(cases[i].second, i < 5 ? zin::kStreamEnd : zin::kDataError, output);
     }
 }
 
