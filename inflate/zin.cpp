@@ -585,7 +585,8 @@ template <typename Word>
     };
     // The value of a length or distance entry, its code and extra bits consumed together.
     auto takeSymbol = [&](uint32_t e) {
-        const uint32_t extra = static_cast<uint32_t>(hold & LowMask(InputBits(e))) >> CodeBits(e);
+        const Word input = hold & static_cast<Word>(LowMask(InputBits(e)));
+        const uint32_t extra = static_cast<uint32_t>(input >> CodeBits(e));
         consumeSymbol(e);
         return Value(e) + extra;
     };
