@@ -50,7 +50,8 @@ enum Mode : uint32_t {
 // in one step: the input bits below bits 0-7, shifted past the code, are the extra value.
 // In the fast loop's root table a literal may be followed by a second one, whose code then
 // fits in the root after the first's: bits 0-7 count both codes, bits 8-15 hold the second
-// literal and bit 24 says it is there.
+// literal and bit 24 says it is there. Bits 12-14 of a literal entry are then no kind, so a
+// literal is told by bit 31 before any kind is read.
 constexpr uint32_t kSubtable = 0x1000;
 constexpr uint32_t kEndOfBlock = 0x2000;
 constexpr uint32_t kInvalid = 0x4000;
