@@ -267,24 +267,22 @@ constexpr void PairLiterals(const uint32_t* root, uint32_t rootBits, bool pairab
     }
 }
 
-// Widens in place the root table held in the first 2^rootBits entries of `table` to 2^wideBits:
-// every root entry repeats, and where a link's subtable (in `subtables`) fits in the wider root,
-// its codes take the link's places. Without `links` the root holds none. Literal pairs may be
-// there already: their second literal can look like a link's kind.
-constexpr void Widen(uint32_t* table, uint32_t rootBits, uint32_t wideBits,
-                     const uint32_t* subtables, bool links) {
+// Widens in place to 2^wideBits entries the copy, in the first 2^rootBits entries of `table`, of
+// the root of `source` (its literals perhaps paired): every entry repeats, and where one of the
+// source's links leads to a subtable that fits in the wider root, its codes take the link's
+// places. Without `links` the root holds none.
+constexpr void Widen(uint32_t* table, uint32_t rootBits, uint32_t wideBits, const uint32_t* source,
+                     bool links) {
     const uint32_t rootSize = 1u << rootBits, wideSize = 1u << wideBits;
     for (uint32_t held = rootSize; held < wideSize; held *= 2) {
         for (uint32_t i = 0; i < held; ++i)
             table[held + i] = table[i];
     }
     for (uint32_t j = 0; links && j < rootSize; ++j) {
-        const uint32_t link = table[j];
-        if ((link & (kLiteral | kSubtable)) != kSubtable ||
-            rootBits + SubtableBits(link) > wideBits)
-            continue;
+        const uint32_t link = source[j];
+        if (!(link & kSubtable) || rootBits + SubtableBits(link) > wideBits) continue;
         for (uint32_t i = j; i < wideSize; i += rootSize)
-            table[i] = subtables[Value(link) + ((i >> rootBits) & LowMask(SubtableBits(link)))];
+            table[i] = source[Value(link) + ((i >> rootBits) & LowMask(SubtableBits(link)))];
     }
 }
 
