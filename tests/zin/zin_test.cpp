@@ -160,7 +160,8 @@ Bytes FixedStream(const std::vector<std::pair<int, int>>& symbols) {
     return w.Finish();
 }
 
-// One final dynamic block: any code lengths, sent with a flat 4-bit code, then (code, bits).
+// One final dynamic block: any code lengths, sent with a flat 4-bit code, then (code, bits), where
+// negative bits stand for extra bits, sent least significant first.
 Bytes DynamicStream(const std::vector<int>& lens, const std::vector<int>& dlens,
                     const std::vector<std::pair<int, int>>& codes) {
     BitWriter w;
@@ -171,8 +172,13 @@ Bytes DynamicStream(const std::vector<int>& lens, const std::vector<int>& dlens,
     for (const std::vector<int>* v : {&lens, &dlens})
         for (int l : *v)
             w.Code(l, 4);
-    for (auto [code, bits] : codes)
-        w.Code(code, bits);
+    for (auto [code, bits] : codes) {
+        if (bits < 0) {
+            w.Bits(code, -bits);
+        } else {
+            w.Code(code, bits);
+        }
+    }
     return w.Finish();
 }
 
@@ -190,10 +196,7 @@ Bytes LongDistanceCodes(const std::vector<int>& lens) {
         codes.push_back(c < 254 ? std::pair{int{c}, 8} : std::pair{c - 254 + 508, 9});
     for (int i = 0; i < 40; ++i) {
         const int extra = i * 197, symbol = i % 2 ? 29 : 28;  // distances 16385-32767
-        int reversed = 0;  // extra bits go least significant first
-        for (int b = 0; b < 13; ++b)
-            reversed |= ((extra >> b) & 1) << (12 - b);
-        codes.insert(codes.end(), {{511, 9}, {32766 + symbol - 28, 15}, {reversed, 13}});
+        codes.insert(codes.end(), {{511, 9}, {32766 + symbol - 28, 15}, {extra, -13}});
         for (int k = 0; k < i % 7; ++k)
             codes.push_back({'a' + k, 8});
     }
