@@ -123,9 +123,12 @@ void FilterRows(const RawImage& image, int& scanline, const std::function<int(in
 Bytes Scanlines(const RawImage& image, bool interlaced, const std::function<int(int)>& filterOf) {
     Bytes out;
     int scanline = 0;
-    if (!interlaced) FilterRows(image, scanline, filterOf, out);
+    if (!interlaced) {
+        FilterRows(image, scanline, filterOf, out);
+        return out;
+    }
     for (const Pass& pass : kAdam7) {
-        if (!interlaced || image.width <= pass.x0 || image.height <= pass.y0) continue;
+        if (image.width <= pass.x0 || image.height <= pass.y0) continue;  // an empty pass
         RawImage sub = {0, 0, image.depth, image.colourType, {}};
         sub.width = (image.width - pass.x0 + pass.dx - 1) / pass.dx;
         sub.height = (image.height - pass.y0 + pass.dy - 1) / pass.dy;
