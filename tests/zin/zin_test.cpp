@@ -204,18 +204,21 @@ Bytes LongDistanceCodes(const std::vector<int>& lens) {
     return DynamicStream(lens, dlens, codes);
 }
 
-// One final dynamic block of the literals '0' to '=' with codes of 1 to 14 bits, random, so that
-// short codes pair and long ones continue past any root; the end of the block and the length 3
-// take 15 bits.
-Bytes ShortAndLongLiteralCodes() {
-    std::vector<int> lens(258, 0);
+// One final dynamic block of `count` literals '0' to '=' with codes of 1 to 14 bits, random, so
+// that short codes pair and long ones continue past any root; the end of the block and the length
+// 258 take 15 bits. With `matchEvery`, that many literals come before each match of 258 at
+// distance 1, which thus starts at every bit position.
+Bytes ShortAndLongLiteralCodes(size_t count, size_t matchEvery = 0) {
+    std::vector<int> lens(286, 0);
     for (int k = 0; k < 14; ++k)
         lens['0' + k] = k + 1;
-    lens[256] = lens[257] = 15;
+    lens[256] = lens[285] = 15;
     std::vector<std::pair<int, int>> codes;
-    for (unsigned char c : MakeData(Content::Random, 5000, 7)) {
+    for (unsigned char c : MakeData(Content::Random, count, 7)) {
         const int k = c % 16 < 14 ? c % 16 : c % 4;
         codes.push_back({(2 << k) - 2, k + 1});
+        if (matchEvery && codes.size() % (matchEvery + 2) == matchEvery)
+            codes.insert(codes.end(), {{32767, 15}, {0, 1}});
     }
     codes.push_back({32766, 15});
     return DynamicStream(lens, {1}, codes);
@@ -277,7 +280,7 @@ TEST(InflateTest, HandMadeStreams) {
         {"one-bit distance code", DynamicStream(lens, {1}, {{'a', 8}, {511, 9}, {0, 1}, {510, 9}})},
         {"no distance code", DynamicStream(lens, {0}, {{'a', 8}, {510, 9}})},
         {"distance codes of 15 bits with 13 extra bits", LongDistanceCodes(lens)},
-        {"literal codes of 1 to 14 bits", ShortAndLongLiteralCodes()},
+        {"literal codes of 1 to 14 bits", ShortAndLongLiteralCodes(5000)},
         {"header checksum", {0x78, 0x9d, 0x03, 0x00, 0, 0, 0, 1}},
         {"method 7", {0x77, 0x09, 0x03, 0x00, 0, 0, 0, 1}},
         {"window field 8", {0x88, 0x1c, 0x03, 0x00, 0, 0, 0, 1}},
@@ -295,6 +298,37 @@ TEST(InflateTest, HandMadeStreams) {
         const auto [zlibResult, output] = ZlibInflate(cases[i].second);
         ASSERT_EQ(zlibResult == Z_OK, i < 5);
         ExpectInflates(cases[i].second, i < 5 ? zin::kStreamEnd : zin::kDataError, output);
+    }
+}
+
+// A piece that ends inside a long length code leaves whole bytes of it in the bit buffer. When
+// the next call has too little room for that match, its fast loop goes back to where the code
+// starts, handing back the bytes it read, but none before its own piece: that piece lies apart,
+// after a wrong byte. Each split point of a stream of matches at every bit position.
+TEST(InflateTest, APieceEndingInsideALongCodeLeavesThePieceBeforeAlone) {
+    const Bytes stream = ShortAndLongLiteralCodes(300, 5), output = ZlibInflate(stream).second;
+    for (size_t split = 1; split < stream.size(); ++split) {
+        SCOPED_TRACE(split);
+        Bytes second{0x00};
+        second.insert(second.end(), stream.begin() + split, stream.end());
+        zin::Stream s;
+        s.Reset();
+        s.nextIn = stream.data();
+        s.availIn = static_cast<uint32_t>(split);
+        Bytes got(output.size() + 1);
+        s.nextOut = got.data();
+        s.availOut = static_cast<uint32_t>(got.size());
+        EXPECT_EQ(s.Inflate(zio::FlushPartial), zin::kOk);
+        s.nextIn = second.data() + 1;
+        s.availIn = static_cast<uint32_t>(second.size() - 1);
+        s.availOut = 100;  // less than a match, more than a pass of the fast loop writes
+        int result = s.Inflate(zio::FlushPartial);
+        for (int call = 0; result == zin::kOk && call < 10; ++call) {
+            s.availOut = static_cast<uint32_t>(got.data() + got.size() - s.nextOut);
+            result = s.Inflate(zio::FlushPartial);
+        }
+        EXPECT_EQ(result, zin::kStreamEnd);
+        EXPECT_TRUE(Bytes(got.data(), s.nextOut) == output);
     }
 }
 
