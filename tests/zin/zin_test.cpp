@@ -304,7 +304,8 @@ TEST(InflateTest, HandMadeStreams) {
 // A piece that ends inside a long length code leaves whole bytes of it in the bit buffer. When
 // the next call has too little room for that match, its fast loop goes back to where the code
 // starts, handing back the bytes it read, but none before its own piece: that piece lies apart,
-// after a wrong byte. Each split point of a stream of matches at every bit position.
+// after a wrong byte (zero, where a byte within a length code is all ones). Each split point of a
+// stream of matches at every bit position.
 TEST(InflateTest, APieceEndingInsideALongCodeLeavesThePieceBeforeAlone) {
     const Bytes stream = ShortAndLongLiteralCodes(300, 5), output = ZlibInflate(stream).second;
     for (size_t split = 1; split < stream.size(); ++split) {
