@@ -295,20 +295,26 @@ constexpr bool LiteralsPair(const uint16_t* lens, uint32_t bits) {
     return 2 * shortest <= bits;
 }
 
+// The fast loop's literal/length root from the table `lengths`, of root `rootBits` and `used`
+// entries with its subtables, of the codes whose lengths `lens` gives: its literals paired, then
+// widened to kFastLengthRoot bits, so that the loop masks it with a constant.
+constexpr void BuildFastLengthRoot(const uint32_t* lengths, uint32_t rootBits, uint32_t used,
+                                   const uint16_t* lens, uint32_t* fast) {
+    PairLiterals(lengths, rootBits, LiteralsPair(lens, rootBits), fast);
+    Widen(fast, rootBits, kFastLengthRoot, lengths, used > (1u << rootBits));
+}
+
 // The fast loop's tables for a block whose tables take `lengthUsed` and `distanceUsed` entries.
-// On 64-bit processors: the literal/length root with its literals paired and widened to
-// kFastLengthRoot bits, always, so that the loop masks it with a constant; the distance root
-// widened where some codes run past it. A 32-bit loop takes the tables themselves.
+// On 64-bit processors: the literal/length root, always; the distance root widened where some
+// codes run past it. A 32-bit loop takes the tables themselves.
 void BuildFastTables(Stream& s, uint32_t lengthUsed, uint32_t distanceUsed) {
     s.fastLengthCodes = s.lengthCodes;
     s.fastDistanceCodes = s.distanceCodes;
     s.fastDistanceBits = s.distanceBits;
     if constexpr (kFastTables) {
-        const uint32_t lengthRoot = 1u << s.lengthBits, distanceRoot = 1u << s.distanceBits;
-        PairLiterals(s.lengthCodes, s.lengthBits, LiteralsPair(s.lens, s.lengthBits),
-                     s.fastLengths);
-        Widen(s.fastLengths, s.lengthBits, kFastLengthRoot, s.lengthCodes, lengthUsed > lengthRoot);
+        BuildFastLengthRoot(s.lengthCodes, s.lengthBits, lengthUsed, s.lens, s.fastLengths);
         s.fastLengthCodes = s.fastLengths;
+        const uint32_t distanceRoot = 1u << s.distanceBits;
         if (distanceUsed > distanceRoot) {
             std::memcpy(s.fastDistances, s.distanceCodes, distanceRoot * sizeof(uint32_t));
             Widen(s.fastDistances, s.distanceBits, kFastDistanceRoot, s.distanceCodes, true);
@@ -331,11 +337,10 @@ constexpr FixedTables MakeFixedTables() {
     for (uint32_t s = 0; s < 288; ++s)
         lens[s] = s < 144 ? 8 : s < 256 ? 9 : s < 280 ? 7 : 8;
     uint32_t root = kLengthRoot;
-    BuildTable(Code::Lengths, lens, 288, &root, fixed.lengths, 1 << kLengthRoot, work);
-    if constexpr (kFastTables) {
-        PairLiterals(fixed.lengths, root, LiteralsPair(lens, root), fixed.fastLengths);
-        Widen(fixed.fastLengths, root, kFastLengthRoot, fixed.lengths, false);
-    }
+    const uint32_t used =
+        BuildTable(Code::Lengths, lens, 288, &root, fixed.lengths, 1 << kLengthRoot, work);
+    if constexpr (kFastTables)
+        BuildFastLengthRoot(fixed.lengths, root, used, lens, fixed.fastLengths);
     for (uint32_t s = 0; s < 32; ++s)
         lens[s] = 5;
     root = 5;
